@@ -1,0 +1,47 @@
+// An open file as an asynchronous device.
+//
+// The device owns its file descriptor and closes it when the last reference
+// goes; by then no request can be outstanding, since every queued request
+// holds a reference on its device until its callback has returned.
+// The platform must have been initialised with asyncFileIo (Pt/Platform.h).
+#pragma once
+
+#include <cstdint>
+
+#include "pt/IoDevice.h"
+
+namespace Pt {
+
+class PtIoDeviceFile : public IoDevice {
+ public:
+  enum Flags {
+    ReadOnly = 1,   // an existing file, for reading
+    ReadWrite = 2,  // an existing file, for reading and writing; never truncated
+  };
+
+  // Opens `path` (UTF-32 wide characters, converted to UTF-8). Throws
+  // Pt::ExSystem with the system's error code when the file cannot be opened,
+  // and when the path is null (EINVAL) or not valid Unicode (EILSEQ).
+  static SmartPointer<PtIoDeviceFile> Create(const wchar_t* path, Flags flags);
+
+  void read(const SmartPointer<IoRequest>& request) override;
+  void write(const SmartPointer<IoRequest>& request) override;
+
+  // The file's current length in bytes. Throws Pt::ExSystem.
+  int64_t length() const;
+  // Waits until every request queued before the call has completed, then
+  // makes the file's data durable (fdatasync). Throws Pt::ExSystem.
+  void flush() const;
+
+  // The file descriptor, for diagnostics and tests; owned by the device.
+  int descriptor() const noexcept;
+
+ private:
+  class Impl;
+  explicit PtIoDeviceFile(Impl* impl) noexcept;
+  ~PtIoDeviceFile() override;
+
+  Impl* impl_;
+};
+
+}  // namespace Pt
