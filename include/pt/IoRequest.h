@@ -59,7 +59,7 @@ class IoRequest : public SmartPointerBase {
  private:
   friend class IoRequestAccess;
   IoRequest(IoNotify* notify, int length, ReqPri priority, uint8_t* data) noexcept;
-  ~IoRequest() override = default;
+  ~IoRequest() override;
 
   SmartPointer<IoNotify> notify_;
   ReqPri priority_;

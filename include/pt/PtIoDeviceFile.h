@@ -12,6 +12,8 @@
 
 namespace Pt {
 
+class DeviceCore;
+
 class PtIoDeviceFile : public IoDevice {
  public:
   enum Flags {
@@ -37,11 +39,10 @@ class PtIoDeviceFile : public IoDevice {
   int descriptor() const noexcept;
 
  private:
-  class Impl;
-  explicit PtIoDeviceFile(Impl* impl) noexcept;
+  explicit PtIoDeviceFile(int fd);
   ~PtIoDeviceFile() override;
 
-  Impl* impl_;
+  DeviceCore* core_;
 };
 
 }  // namespace Pt

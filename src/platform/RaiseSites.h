@@ -15,6 +15,7 @@ inline constexpr ExWhere kRaiseDeviceLength{"pt/PtIoDeviceFile", 2};
 inline constexpr ExWhere kRaiseDeviceFlush{"pt/PtIoDeviceFile", 3};
 inline constexpr ExWhere kRaiseDeviceRequest{"pt/PtIoDeviceFile", 4};
 inline constexpr ExWhere kRaiseIoTransfer{"pt/IoEngine", 1};
+inline constexpr ExWhere kRaiseIoCallback{"pt/IoEngine", 2};
 inline constexpr ExWhere kRaiseFaultInjected{"pt/IoFaultInjection", 1};
 
 }  // namespace Pt

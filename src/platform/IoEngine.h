@@ -1,0 +1,47 @@
+// The engine under every PtIoDeviceFile: it carries out requests that the
+// device has released from its sequencer, and reports each one back through
+// FinishRequest on one of its own threads.
+//
+// Engines continue short transfers until the request is whole, retry EINTR
+// and EAGAIN, and treat a read that reaches the end of the file as complete
+// with the bytes it got. A write that makes no progress fails with EIO.
+#pragma once
+
+#include <memory>
+
+#include "pt/Platform.h"
+#include "platform/RequestState.h"
+
+namespace Pt {
+
+class IoEngine {
+ public:
+  virtual ~IoEngine() = default;
+  virtual IoEngineKind kind() const = 0;
+  // Starts `request` (described by its RequestState). Never completes it on
+  // the calling thread. Must not throw once the engine runs.
+  virtual void submit(IoRequest* request) = 0;
+};
+
+// Makes the engine that `config` asks for. Throws Pt::ExSystem when it cannot.
+std::unique_ptr<IoEngine> MakeIoEngine(const Config& config);
+
+// Called by an engine thread when `request` is done: `error` is 0 or an errno.
+// Hands the request back to its device, which runs the callback.
+void FinishRequest(IoRequest* request, int error);
+
+// The next step of a transfer that may have been cut short: where it goes and
+// how many bytes it moves, honouring a fault-injected first-transfer cap.
+struct TransferStep {
+  uint8_t* buffer;
+  size_t size;
+  int64_t offset;
+};
+TransferStep NextTransferStep(IoRequest& request);
+
+// Accounts for `result` bytes moved by a step (or a negative errno). Returns
+// true when the request is finished, with `error` set to 0 or an errno; false
+// when the engine must run another step.
+bool AccountTransfer(IoRequest& request, long result, int& error);
+
+}  // namespace Pt

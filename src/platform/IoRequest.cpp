@@ -1,0 +1,44 @@
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <new>
+
+#include "platform/RaiseSites.h"
+#include "platform/RequestState.h"
+
+namespace Pt {
+namespace {
+
+constexpr size_t Align(size_t size) {
+  constexpr size_t kAlign = alignof(std::max_align_t);
+  return (size + kAlign - 1) / kAlign * kAlign;
+}
+
+constexpr size_t kStateOffset = Align(sizeof(IoRequest));
+constexpr size_t kDataOffset = kStateOffset + Align(sizeof(RequestState));
+
+}  // namespace
+
+RequestState& IoRequestAccess::state(IoRequest& request) noexcept {
+  return *std::launder(
+      reinterpret_cast<RequestState*>(reinterpret_cast<std::byte*>(&request) + kStateOffset));
+}
+
+SmartPointer<IoRequest> IoRequest::Create(IoNotify* notify, int length, ReqPri priority) {
+  if (length < 0) throw ExSystem(EINVAL, kRaiseDeviceRequest);
+  // One block: the request, the device's bookkeeping, then the data area.
+  auto* block = static_cast<std::byte*>(::operator new(kDataOffset + static_cast<size_t>(length)));
+  uint8_t* data = reinterpret_cast<uint8_t*>(block + kDataOffset);
+  std::memset(data, 0, static_cast<size_t>(length));
+  new (block + kStateOffset) RequestState();
+  return SmartPointer<IoRequest>(new (block) IoRequest(notify, length, priority, data));
+}
+
+IoRequest::IoRequest(IoNotify* notify, int length, ReqPri priority, uint8_t* data) noexcept
+    : notify_(notify), priority_(priority), length_(length), data_(data) {}
+
+IoRequest::~IoRequest() { IoRequestAccess::state(*this).~RequestState(); }
+
+void IoRequest::operator delete(void* block) noexcept { ::operator delete(block); }
+
+}  // namespace Pt

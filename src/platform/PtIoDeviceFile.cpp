@@ -1,0 +1,176 @@
+#include "pt/PtIoDeviceFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <string>
+
+#include "platform/DeviceCore.h"
+#include "platform/IoEngine.h"
+#include "platform/IoFaultInjection.h"
+#include "platform/PlatformState.h"
+#include "platform/RaiseSites.h"
+#include "platform/Utf8.h"
+
+namespace Pt {
+
+// ---- PtIoDeviceFile ------------------------------------------------------
+
+SmartPointer<PtIoDeviceFile> PtIoDeviceFile::Create(const wchar_t* path, Flags flags) {
+  if (path == nullptr || (flags != ReadOnly && flags != ReadWrite)) {
+    throw ExSystem(EINVAL, kRaiseDeviceOpen);
+  }
+  const std::optional<std::string> narrow = WideToUtf8(path);
+  if (!narrow) throw ExSystem(EILSEQ, kRaiseDeviceOpen);
+  if (CurrentIoEngine() == nullptr) throw ExSystem(ENXIO, kRaisePlatformNotStarted);
+
+  const int fd = ::open(narrow->c_str(), (flags == ReadOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC);
+  if (fd < 0) throw ExSystem(errno, kRaiseDeviceOpen);
+  struct stat info {};
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    const int error = S_ISDIR(info.st_mode) ? EISDIR : (errno != 0 ? errno : EINVAL);
+    ::close(fd);
+    throw ExSystem(error, kRaiseDeviceOpen);
+  }
+  return SmartPointer<PtIoDeviceFile>(new PtIoDeviceFile(fd));
+}
+
+PtIoDeviceFile::PtIoDeviceFile(int fd) : core_(new DeviceCore(this, fd)) {}
+
+PtIoDeviceFile::~PtIoDeviceFile() { delete core_; }
+
+void PtIoDeviceFile::read(const SmartPointer<IoRequest>& request) {
+  core_->queue(request, IoKind::Read);
+}
+
+void PtIoDeviceFile::write(const SmartPointer<IoRequest>& request) {
+  core_->queue(request, IoKind::Write);
+}
+
+int64_t PtIoDeviceFile::length() const { return core_->length(); }
+
+void PtIoDeviceFile::flush() const { core_->flush(); }
+
+int PtIoDeviceFile::descriptor() const noexcept { return core_->descriptor(); }
+
+// ---- DeviceCore ----------------------------------------------------------
+
+DeviceCore::DeviceCore(PtIoDeviceFile* owner, int fd) : owner_(owner), fd_(fd) {}
+
+DeviceCore::~DeviceCore() { ::close(fd_); }
+
+void DeviceCore::queue(const SmartPointer<IoRequest>& request, IoKind kind) {
+  if (!request || request->offset() < 0 ||
+      request->offset() > std::numeric_limits<int64_t>::max() - request->length()) {
+    throw ExSystem(EINVAL, kRaiseDeviceRequest);
+  }
+  if (CurrentIoEngine() == nullptr) throw ExSystem(ENXIO, kRaisePlatformNotStarted);
+  RequestState& state = IoRequestAccess::state(*request);
+  if (state.device != nullptr) throw ExSystem(EBUSY, kRaiseDeviceRequest);  // already queued
+
+  IoRequest* raw = request.get();
+  raw->incRefCount();  // the device's own reference, dropped after the callback
+  owner_->incRefCount();
+  RequestStarted();
+  state.device = this;
+  state.fd = fd_;
+  state.kind = kind;
+  state.transferred = 0;
+  bool startNow;
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    state.flushEpoch = baseEpoch_ + epochCounts_.size() - 1;
+    ++epochCounts_.back();
+    startNow = sequencer_.admit(raw, raw->offset(), raw->offset() + raw->length());
+  }
+  if (startNow) Dispatch(raw);
+}
+
+void DeviceCore::Dispatch(IoRequest* request) {
+  if (IoFaultInjection::Armed() && IoFaultInjection::Intercept(request)) return;
+  CurrentIoEngine()->submit(request);
+}
+
+void DeviceCore::retire(IoRequest* request, std::vector<IoRequest*>& ready) {
+  RequestState& state = IoRequestAccess::state(*request);
+  std::lock_guard<std::mutex> guard(mutex_);
+  sequencer_.retire(request, request->offset(), request->offset() + request->length(), ready);
+  const size_t index = static_cast<size_t>(state.flushEpoch - baseEpoch_);
+  if (--epochCounts_[index] == 0 && index == 0) {
+    dropDrainedEpochs();
+    flushed_.notify_all();
+  }
+}
+
+void DeviceCore::Finish(IoRequest* request, int error) {
+  RequestState& state = IoRequestAccess::state(*request);
+  DeviceCore* device = state.device;
+  PtIoDeviceFile* owner = device->owner_;
+
+  std::vector<IoRequest*> ready;  // allocates only when successors wait
+  device->retire(request, ready);
+  for (IoRequest* successor : ready) Dispatch(successor);
+
+  IoRequestAccess::setByteCount(*request, state.transferred);
+  state.device = nullptr;
+  Deliver(*request, error);
+
+  request->decRefCount();
+  owner->decRefCount();  // may destroy the device; nothing of it is used below
+  RequestEnded();
+}
+
+void DeviceCore::Deliver(IoRequest& request, int error) {
+  IoNotify* notify = request.notify();
+  if (notify == nullptr) return;
+  // A callback that throws must not take an I/O thread down: its exception
+  // is reported like any other that no caller can catch.
+  try {
+    if (error != 0) {
+      const ExSystem cause(error, kRaiseIoTransfer);
+      notify->ioFailed(request, cause);
+    } else {
+      notify->ioCompleted(request);
+    }
+  } catch (const Exception& escaped) {
+    Exception::Post(escaped);
+  } catch (const std::exception& escaped) {
+    const std::wstring text = L"I/O completion callback failed: " +
+                              std::wstring(escaped.what(), escaped.what() + std::strlen(escaped.what()));
+    Exception::Post(Exception(ExReason{text.c_str(), kRaiseIoCallback, 1}));
+  } catch (...) {
+    Exception::Post(Exception(ExReason{L"I/O completion callback failed", kRaiseIoCallback, 1}));
+  }
+}
+
+void DeviceCore::dropDrainedEpochs() {
+  while (epochCounts_.size() > 1 && epochCounts_.front() == 0) {
+    epochCounts_.pop_front();
+    ++baseEpoch_;
+  }
+}
+
+int64_t DeviceCore::length() const {
+  struct stat info {};
+  if (fstat(fd_, &info) != 0) throw ExSystem(errno, kRaiseDeviceLength);
+  return info.st_size;
+}
+
+void DeviceCore::flush() {
+  {
+    std::unique_lock<std::mutex> guard(mutex_);
+    const uint64_t target = baseEpoch_ + epochCounts_.size() - 1;
+    epochCounts_.push_back(0);
+    dropDrainedEpochs();
+    flushed_.wait(guard, [&] { return baseEpoch_ > target; });
+  }
+  if (fdatasync(fd_) != 0) throw ExSystem(errno, kRaiseDeviceFlush);
+}
+
+void FinishRequest(IoRequest* request, int error) { DeviceCore::Finish(request, error); }
+
+}  // namespace Pt

@@ -1,0 +1,45 @@
+// The device's bookkeeping of one queued request. It lives in the request's
+// own allocation, between the IoRequest object and its data area, so that
+// queueing a request allocates nothing.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "pt/IoRequest.h"
+
+namespace Pt {
+
+class DeviceCore;
+
+enum class IoKind : uint8_t { Read, Write };
+
+struct RequestState {
+  DeviceCore* device = nullptr;  // set while queued; the device is kept alive meanwhile
+  int fd = -1;
+  IoKind kind = IoKind::Read;
+  int transferred = 0;  // bytes done so far; short transfers continue from here
+
+  // Set by the fault-injection seam (tests only).
+  int injectedError = 0;   // fail the request with this errno instead of doing it
+  int shortenFirstTo = 0;  // cap the first transfer at this many bytes
+  int transientErrors = 0; // report EAGAIN this many times before doing it
+
+  // Sequencing of overlapping requests (RequestSequencer).
+  int pendingPredecessors = 0;          // earlier overlapping requests still running
+  std::vector<IoRequest*> successors;   // later requests waiting for this one
+  const IoRequest* lastVisitor = nullptr;  // de-duplicates this request among a new one's predecessors
+
+  uint64_t flushEpoch = 0;  // which flush generation counts it
+  IoRequest* next = nullptr;  // intrusive link in engine queues
+
+};
+
+// The platform's private access to the request's hidden parts.
+class IoRequestAccess {
+ public:
+  static RequestState& state(IoRequest& request) noexcept;
+  static void setByteCount(IoRequest& request, int count) noexcept { request.byteCount_ = count; }
+};
+
+}  // namespace Pt

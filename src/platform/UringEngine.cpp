@@ -1,0 +1,163 @@
+#include "platform/UringEngine.h"
+
+#include <cerrno>
+#include <system_error>
+
+#include "platform/IoFaultInjection.h"
+#include "platform/RaiseSites.h"
+
+namespace Pt {
+namespace {
+
+constexpr unsigned kRingEntries = 256;
+constexpr size_t kReapBatch = 64;
+
+}  // namespace
+
+std::unique_ptr<UringEngine> UringEngine::Create(int threads) {
+  std::unique_ptr<UringEngine> engine(new UringEngine());
+  int error = IoFaultInjection::RingSetupError();
+  if (error == 0) error = -io_uring_queue_init(kRingEntries, &engine->ring_, 0);
+  if (error != 0) throw ExSystem(error, kRaiseIoUringSetup);
+  engine->ringReady_ = true;
+  // The completion queue is at least as large as the submission queue; never
+  // having more in flight than it holds means no completion is ever dropped.
+  engine->maxInFlight_ = engine->ring_.cq.ring_entries;
+  try {
+    for (int i = 0; i < threads; ++i) engine->threads_.emplace_back([e = engine.get()] { e->completionLoop(); });
+  } catch (const std::system_error& failure) {
+    engine.reset();  // the destructor stops the threads already running
+    throw ExSystem(failure.code().value(), kRaiseIoThreadCreate);
+  }
+  return engine;
+}
+
+UringEngine::~UringEngine() {
+  if (!ringReady_) return;
+  {
+    std::lock_guard<std::mutex> guard(reapMutex_);
+    stopping_ = true;
+  }
+  followers_.notify_all();
+  {
+    // A no-op wakes the leader out of its wait; its null tag means "stop".
+    std::lock_guard<std::mutex> guard(submitMutex_);
+    io_uring_sqe* sqe = io_uring_get_sqe(&ring_);
+    if (sqe) {
+      io_uring_prep_nop(sqe);
+      io_uring_sqe_set_data(sqe, nullptr);
+      io_uring_submit(&ring_);
+    }
+  }
+  for (std::thread& thread : threads_) thread.join();
+  io_uring_queue_exit(&ring_);
+}
+
+void UringEngine::submit(IoRequest* request) {
+  std::lock_guard<std::mutex> guard(submitMutex_);
+  if (inFlight_ >= maxInFlight_) {
+    backlog_.push_back(request);
+    return;
+  }
+  ++inFlight_;
+  prepare(request);
+}
+
+void UringEngine::prepare(IoRequest* request) {
+  io_uring_sqe* sqe = io_uring_get_sqe(&ring_);
+  if (sqe == nullptr) {
+    // The submission queue is full of prepared entries; hand them over.
+    io_uring_submit(&ring_);
+    sqe = io_uring_get_sqe(&ring_);
+  }
+  RequestState& state = IoRequestAccess::state(*request);
+  if (state.injectedError != 0) {
+    io_uring_prep_nop(sqe);
+  } else {
+    const TransferStep step = NextTransferStep(*request);
+    if (state.kind == IoKind::Read) {
+      io_uring_prep_read(sqe, state.fd, step.buffer, static_cast<unsigned>(step.size),
+                         static_cast<__u64>(step.offset));
+    } else {
+      io_uring_prep_write(sqe, state.fd, step.buffer, static_cast<unsigned>(step.size),
+                          static_cast<__u64>(step.offset));
+    }
+  }
+  io_uring_sqe_set_data(sqe, request);
+  // EBUSY/EAGAIN leave the entry in the ring; the next submit hands it over.
+  io_uring_submit(&ring_);
+}
+
+void UringEngine::completionLoop() {
+  Completion batch[kReapBatch];
+  std::unique_lock<std::mutex> guard(reapMutex_);
+  for (;;) {
+    followers_.wait(guard, [this] { return !ready_.empty() || !leaderActive_ || stopping_; });
+    if (!ready_.empty()) {
+      const Completion completion = ready_.front();
+      ready_.pop_front();
+      if (!ready_.empty()) followers_.notify_one();
+      guard.unlock();
+      handle(completion);
+      guard.lock();
+      continue;
+    }
+    if (stopping_) return;
+    leaderActive_ = true;
+    guard.unlock();
+    const size_t count = reapBatch(batch, kReapBatch);
+    guard.lock();
+    leaderActive_ = false;
+    // Each completion of the batch is taken by whichever thread is free, so
+    // one slow callback holds up no other.
+    ready_.insert(ready_.end(), batch, batch + count);
+    followers_.notify_all();
+  }
+}
+
+size_t UringEngine::reapBatch(Completion* batch, size_t capacity) {
+  io_uring_cqe* cqe = nullptr;
+  int error;
+  do {
+    error = io_uring_wait_cqe(&ring_, &cqe);
+  } while (error == -EINTR);
+  if (error < 0) return 0;
+  io_uring_cqe* cqes[kReapBatch];
+  const unsigned count = io_uring_peek_batch_cqe(&ring_, cqes, static_cast<unsigned>(capacity));
+  size_t taken = 0;
+  for (unsigned i = 0; i < count; ++i) {
+    auto* request = static_cast<IoRequest*>(io_uring_cqe_get_data(cqes[i]));
+    if (request != nullptr) batch[taken++] = {request, cqes[i]->res};
+  }
+  io_uring_cq_advance(&ring_, count);
+  return taken;
+}
+
+void UringEngine::handle(const Completion& completion) {
+  IoRequest* request = completion.request;
+  RequestState& state = IoRequestAccess::state(*request);
+  int error = state.injectedError;
+  if (error != 0 || AccountTransfer(*request, completion.result, error)) {
+    finish(request, error);
+  } else {
+    std::lock_guard<std::mutex> guard(submitMutex_);
+    prepare(request);  // the rest of a short transfer, or a retry; still in flight
+  }
+}
+
+void UringEngine::finish(IoRequest* request, int error) {
+  {
+    std::lock_guard<std::mutex> guard(submitMutex_);
+    if (backlog_.empty()) {
+      --inFlight_;
+    } else {
+      // The slot passes straight to the oldest waiting request.
+      IoRequest* next = backlog_.front();
+      backlog_.pop_front();
+      prepare(next);
+    }
+  }
+  FinishRequest(request, error);
+}
+
+}  // namespace Pt
