@@ -37,7 +37,8 @@ class IoRequest : public SmartPointerBase {
  public:
   enum ReqPri { Low = 0, Normal = 1, High = 2 };
 
-  // A request with a zeroed data area of `length` bytes (0 or more). Throws
+  // A request with a data area of `length` bytes (0 or more). The area is
+  // not cleared: the issuer of a write fills every byte of it. Throws
   // std::bad_alloc, or Pt::ExSystem(EINVAL) for a negative length.
   static SmartPointer<IoRequest> Create(IoNotify* notify, int length, ReqPri priority);
 

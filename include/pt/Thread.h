@@ -13,9 +13,10 @@ namespace Pt {
 
 class Thread {
  public:
-  // Priorities as the platform numbers them. Normal is the process's own
-  // scheduling; Low and High are one step below and above it. Raising above
-  // Normal needs privileges the process may lack: the request is then ignored.
+  // Priorities as the platform numbers them. Normal is the scheduling the
+  // thread inherits from the thread that began it; Low and High are one step
+  // below and above it. Raising above the inherited level needs privileges the
+  // process may lack: the request is then ignored.
   enum Priority { Low = 1, Normal = 2, High = 3 };
 
   // `detached`: the thread is never joined and cleans up on its own.
@@ -44,6 +45,7 @@ class Thread {
   pthread_t handle_{};
   std::atomic<int> priority_{Normal};
   std::atomic<int> systemId_{0};  // kernel thread id once running, for priority changes
+  std::atomic<int> baseNice_{0};  // the nice value the thread started with (Normal)
   int result_ = 0;
 };
 

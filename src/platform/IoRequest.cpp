@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <new>
 
 #include "platform/RaiseSites.h"
@@ -28,8 +27,9 @@ SmartPointer<IoRequest> IoRequest::Create(IoNotify* notify, int length, ReqPri p
   if (length < 0) throw ExSystem(EINVAL, kRaiseDeviceRequest);
   // One block: the request, the device's bookkeeping, then the data area.
   auto* block = static_cast<std::byte*>(::operator new(kDataOffset + static_cast<size_t>(length)));
+  // The data area is not cleared: a writer fills all of it, and a read
+  // defines byteCount() bytes of it.
   uint8_t* data = reinterpret_cast<uint8_t*>(block + kDataOffset);
-  std::memset(data, 0, static_cast<size_t>(length));
   new (block + kStateOffset) RequestState();
   return SmartPointer<IoRequest>(new (block) IoRequest(notify, length, priority, data));
 }

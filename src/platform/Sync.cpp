@@ -60,10 +60,10 @@ void CondVar::broadcast() { pthread_cond_broadcast(&cond_); }
 Semaphore::Semaphore(int initial) : count_(initial) {}
 
 void Semaphore::post() {
-  {
-    std::lock_guard<std::mutex> guard(mutex_);
-    ++count_;
-  }
+  // Notify under the lock: a waiter that sees the new count may destroy the
+  // semaphore as soon as it can take the lock.
+  std::lock_guard<std::mutex> guard(mutex_);
+  ++count_;
   available_.notify_one();
 }
 

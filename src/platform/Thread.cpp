@@ -4,7 +4,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
+#include <cerrno>
 
 #include "platform/RaiseSites.h"
 #include "pt/Exception.h"
@@ -12,8 +14,8 @@
 namespace Pt {
 namespace {
 
-// Nice values for the three priorities; the scheduler's normal level is 0.
-int NiceValue(int priority) {
+// How far each priority moves the nice value the thread started with.
+int NiceOffset(int priority) {
   switch (priority) {
     case Thread::Low:
       return 5;
@@ -31,10 +33,21 @@ Thread::Thread(bool detached) : detached_(detached) {}
 Thread::~Thread() { assert(!started_ || detached_); }
 
 void Thread::begin() {
-  const int error = pthread_create(&handle_, nullptr, &Thread::Start, this);
-  if (error != 0) throw ExSystem(error, kRaiseThreadCreate);
+  // A detached body may delete this object as soon as the thread exists:
+  // settle the object's state before creating it and touch nothing after.
+  const bool detached = detached_;
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  if (detached) pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   started_ = true;
-  if (detached_) pthread_detach(handle_);
+  pthread_t handle;
+  const int error = pthread_create(&handle, &attributes, &Thread::Start, this);
+  pthread_attr_destroy(&attributes);
+  if (error != 0) {
+    started_ = false;
+    throw ExSystem(error, kRaiseThreadCreate);
+  }
+  if (!detached) handle_ = handle;
 }
 
 int Thread::join() {
@@ -52,12 +65,18 @@ void Thread::priority(Priority priority) {
 void Thread::applyPriority() {
   // On Linux the nice value is per thread; failure (no right to raise it)
   // leaves the thread at its current level.
-  setpriority(PRIO_PROCESS, static_cast<id_t>(systemId_.load()), NiceValue(priority_.load()));
+  const int nice = std::clamp(baseNice_.load() + NiceOffset(priority_.load()), -20, 19);
+  setpriority(PRIO_PROCESS, static_cast<id_t>(systemId_.load()), nice);
 }
 
 void* Thread::Start(void* self) {
   auto* thread = static_cast<Thread*>(self);
-  thread->systemId_.store(static_cast<int>(gettid()));
+  // The nice value inherited from the creating thread is what Normal means.
+  const pid_t selfId = gettid();
+  errno = 0;
+  const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(selfId));
+  thread->baseNice_.store(errno == 0 ? nice : 0);
+  thread->systemId_.store(static_cast<int>(selfId));
   if (thread->priority_.load() != Normal) thread->applyPriority();
   // A detached thread's body may delete the object: touch nothing after it.
   const bool detached = thread->detached_;

@@ -81,6 +81,10 @@ void UringEngine::prepare(IoRequest* request) {
     } else {
       io_uring_prep_write(sqe, state.fd, step.buffer, static_cast<unsigned>(step.size),
                           static_cast<__u64>(step.offset));
+      // Buffered writes to most file systems cannot complete without
+      // blocking; going straight to the kernel's workers saves a failed
+      // non-blocking attempt per write.
+      sqe->flags |= IOSQE_ASYNC;
     }
   }
   io_uring_sqe_set_data(sqe, request);
@@ -96,6 +100,7 @@ void UringEngine::completionLoop() {
     if (!ready_.empty()) {
       const Completion completion = ready_.front();
       ready_.pop_front();
+      // Wake one more thread only while work is left for it.
       if (!ready_.empty()) followers_.notify_one();
       guard.unlock();
       handle(completion);
@@ -108,10 +113,15 @@ void UringEngine::completionLoop() {
     const size_t count = reapBatch(batch, kReapBatch);
     guard.lock();
     leaderActive_ = false;
-    // Each completion of the batch is taken by whichever thread is free, so
-    // one slow callback holds up no other.
-    ready_.insert(ready_.end(), batch, batch + count);
-    followers_.notify_all();
+    if (count == 0) continue;
+    // The leader finishes the first completion itself; the rest wait in
+    // ready_ for whichever thread is free, so one slow callback holds up no
+    // other completion. A woken follower also takes over the reaping.
+    ready_.insert(ready_.end(), batch + 1, batch + count);
+    followers_.notify_one();
+    guard.unlock();
+    handle(batch[0]);
+    guard.lock();
   }
 }
 

@@ -6,10 +6,11 @@
 // further requests wait in the backlog (FIFO) and enter as others finish.
 //
 // Completion: a few threads take turns as the reaper (leader/followers). The
-// leader alone waits on the completion queue; it moves a batch of completions
-// to `ready_` and gives up the leadership. Every free thread takes completions
-// from `ready_` one at a time, so a slow callback holds up only the thread
-// that runs it, never the reaping nor the other completions.
+// leader alone waits on the completion queue. It takes a batch, keeps the
+// first completion for itself, leaves the rest in `ready_` and wakes one
+// follower; every thread takes work from `ready_` before it tries to lead.
+// So a slow callback holds up only the thread that runs it, never the
+// reaping nor the other completions.
 //
 // Invariants: inFlight_ == requests whose operation is in the ring or the
 // kernel (continuations included); backlog_ is empty unless
