@@ -5,6 +5,7 @@
 
 #include "platform/IoFaultInjection.h"
 #include "platform/RaiseSites.h"
+#include "platform/SanitizerHints.h"
 
 namespace Pt {
 namespace {
@@ -88,6 +89,7 @@ void UringEngine::prepare(IoRequest* request) {
     }
   }
   io_uring_sqe_set_data(sqe, request);
+  PT_HANDOFF_RELEASE(request);
   // EBUSY/EAGAIN leave the entry in the ring; the next submit hands it over.
   io_uring_submit(&ring_);
 }
@@ -137,7 +139,9 @@ size_t UringEngine::reapBatch(Completion* batch, size_t capacity) {
   size_t taken = 0;
   for (unsigned i = 0; i < count; ++i) {
     auto* request = static_cast<IoRequest*>(io_uring_cqe_get_data(cqes[i]));
-    if (request != nullptr) batch[taken++] = {request, cqes[i]->res};
+    if (request == nullptr) continue;  // the stop marker
+    PT_HANDOFF_ACQUIRE(request);
+    batch[taken++] = {request, cqes[i]->res};
   }
   io_uring_cq_advance(&ring_, count);
   return taken;
