@@ -22,7 +22,7 @@ build: deps
 	cmake --build --preset $(PRESET) -j $(JOBS)
 
 run: build
-	./build/$(PRESET)/tools/tarn-demo
+	./build/$(PRESET)/tools/tarn-demo/tarn-demo
 
 test: build
 	ctest --preset $(PRESET) -j $(JOBS)

@@ -1,0 +1,32 @@
+// Config: the settings a Cache is built with.
+//
+// A plain record without a constructor of its own: the application chooses
+// every value (`Config config{};` zeroes them all, which selects the default
+// for every field that has one). The cache reads it only while it is being
+// constructed and keeps no reference to it.
+#pragma once
+
+#include <cstdint>
+
+namespace Tarn {
+
+struct Config {
+  // Bytes of objects' size() kept in memory after an eviction.
+  int32_t memoryTarget;
+  // Eviction starts only once memory in use exceeds memoryTarget + memorySlack.
+  int32_t memorySlack;
+  // Worker threads of the process: 0 (or less) means 1.5 x the processor
+  // count, rounded up; every value is capped at 8. The threads are shared by
+  // all caches of the process, so only the cache that starts them decides.
+  int32_t workerThreads;
+  // Smallest data allocation in the cache file, in bytes; 0 or less means 256.
+  int32_t minAllocation;
+  // Worker thread priority: 0, 1 and 2 select low, normal and high; any other
+  // value selects normal. Like workerThreads, decided by the first cache.
+  int32_t workerPriority;
+  // Create an empty cache file when the path holds none; when false, a
+  // missing file makes the Cache constructor fail.
+  bool createIfMissing;
+};
+
+}  // namespace Tarn

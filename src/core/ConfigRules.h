@@ -1,0 +1,29 @@
+// How the cache reads the fields of a Config that have defaults or limits.
+//
+// Each rule is a pure function of the configured value (and, for the worker
+// count, of the processor count, passed in so that the rule can be checked for
+// any machine).
+#pragma once
+
+#include <cstdint>
+
+namespace Tarn {
+
+inline constexpr int kMaxWorkerThreads = 8;
+inline constexpr int32_t kDefaultMinAllocation = 256;
+
+// Worker threads to start: `configured` when positive, else ceil(1.5 x
+// `processors`); at most kMaxWorkerThreads and at least 1. A negative count
+// is read as "the default", since no workers would leave queued generate
+// requests waiting forever. A processor count below 1 counts as 1.
+int EffectiveWorkerThreads(int32_t configured, int processors);
+
+// The smallest data allocation in the cache file: `configured` when
+// positive, else kDefaultMinAllocation.
+int32_t EffectiveMinAllocation(int32_t configured);
+
+// The platform thread priority (1 low, 2 normal, 3 high) for a configured
+// worker priority: 0, 1, 2 select 1, 2, 3; any other value selects 2.
+int EffectiveWorkerPriority(int32_t configured);
+
+}  // namespace Tarn

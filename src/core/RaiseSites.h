@@ -1,0 +1,103 @@
+// Every place where the library raises an exception, in one table.
+//
+// A raise site is data: the source path and line reported in the exception's
+// Pt::ExWhere, and the message code of the family class raised there (or
+// kSystemError where the site raises Pt::ExSystem, whose message is the
+// system's text for errno). The paths and lines are fixed identifiers that
+// applications and support staff recognise, so they are kept here as named
+// constants rather than taken from __FILE__ and __LINE__.
+#pragma once
+
+#include "core/Messages.h"
+#include "pt/Exception.h"
+
+namespace Tarn {
+
+struct RaiseSite {
+  int messageCode;  // a MessageCode, or kSystemError
+  Pt::ExWhere where;
+};
+
+inline constexpr int kSystemError = -1;
+
+// Source paths reported in ExWhere.
+inline constexpr const char* kSrcFactoryManager = "shared/tarn/cache/TarnFactoryManager";
+inline constexpr const char* kSrcFileManager = "shared/tarn/cache/TarnFileManager";
+inline constexpr const char* kSrcManager = "shared/tarn/cache/TarnManager";
+inline constexpr const char* kSrcWriteEntryReceiver =
+    "shared/tarn/cache/TarnFileWriteEntryReceiver";
+inline constexpr const char* kSrcWriteEntryHeaderReceiver =
+    "shared/tarn/cache/TarnFileWriteEntryHeaderReceiver";
+inline constexpr const char* kSrcWriteExtentReceiver =
+    "shared/tarn/cache/TarnFileWriteExtentReceiver";
+inline constexpr const char* kSrcWriteExtentHeaderReceiver =
+    "shared/tarn/cache/TarnFileWriteExtentHeaderReceiver";
+inline constexpr const char* kSrcDeleteEntryReceiver =
+    "shared/tarn/cache/TarnFileDeleteEntryReceiver";
+inline constexpr const char* kSrcReadEntryReceiver = "shared/tarn/cache/TarnFileReadEntryReceiver";
+
+// Factory registry: no factory serves the type looked up.
+inline constexpr RaiseSite kFactoryLookup{kMsgFactoryClassNotFound, {kSrcFactoryManager, 43}};
+
+// Creating and destroying cache files.
+inline constexpr RaiseSite kCreateFileOpen{kSystemError, {kSrcFileManager, 129}};
+inline constexpr RaiseSite kCreateFileWrite{kSystemError, {kSrcFileManager, 142}};
+inline constexpr RaiseSite kDestroyFileRemove{kSystemError, {kSrcFileManager, 158}};
+
+// Opening a cache file: reading and checking its records.
+inline constexpr RaiseSite kOpenFile{kSystemError, {kSrcFileManager, 279}};
+inline constexpr RaiseSite kOpenReadHeader{kSystemError, {kSrcFileManager, 287}};
+inline constexpr RaiseSite kOpenVersion{kMsgUnsupportedFileVersion, {kSrcFileManager, 292}};
+inline constexpr RaiseSite kOpenReadTypeTable{kSystemError, {kSrcFileManager, 307}};
+inline constexpr RaiseSite kOpenReadExtentHeader{kSystemError, {kSrcFileManager, 332}};
+inline constexpr RaiseSite kOpenEntryHeaderSize{kMsgUnsupportedFileVersion, {kSrcFileManager, 344}};
+inline constexpr RaiseSite kOpenReadEntryHeaders{kSystemError, {kSrcFileManager, 358}};
+
+// Opening a cache file: matching the factories to the file's type table.
+inline constexpr RaiseSite kOpenTypeCount{kMsgFactoryClassNotFound, {kSrcFileManager, 210}};
+inline constexpr RaiseSite kOpenTypeTableForUpdate{kSystemError, {kSrcFileManager, 221}};
+inline constexpr RaiseSite kOpenWriteTypeTable{kSystemError, {kSrcFileManager, 231}};
+
+// Asynchronous file requests that failed, reported by their receivers.
+inline constexpr RaiseSite kWriteEntryFailed{kMsgFileWriteEntry, {kSrcWriteEntryReceiver, 103}};
+inline constexpr RaiseSite kWriteEntryHeaderFailed{kMsgFileWriteEntryHeader,
+                                                   {kSrcWriteEntryHeaderReceiver, 72}};
+inline constexpr RaiseSite kWriteExtentFailed{kMsgFileWriteExtent, {kSrcWriteExtentReceiver, 86}};
+inline constexpr RaiseSite kWriteExtentHeaderFailed{kMsgFileWriteExtentHeader,
+                                                    {kSrcWriteExtentHeaderReceiver, 62}};
+// A failed delete header is reported with the entry-read class and message.
+inline constexpr RaiseSite kDeleteHeaderFailed{kMsgFileReadEntry, {kSrcDeleteEntryReceiver, 83}};
+inline constexpr RaiseSite kReadEntryFailed{kMsgFileReadEntry, {kSrcReadEntryReceiver, 103}};
+// The read completed but decode, or the insert after it, threw.
+inline constexpr RaiseSite kReadEntryRebuild{kMsgFileReadEntry, {kSrcReadEntryReceiver, 82}};
+
+// Cache manager: an object's verify() was false on insert.
+inline constexpr RaiseSite kInsertNotVerified{kMsgCachableNotVerified, {kSrcManager, 467}};
+
+// All of the above, for checks over the whole table.
+inline constexpr RaiseSite kAllRaiseSites[] = {
+    kFactoryLookup,
+    kCreateFileOpen,
+    kCreateFileWrite,
+    kDestroyFileRemove,
+    kOpenFile,
+    kOpenReadHeader,
+    kOpenVersion,
+    kOpenReadTypeTable,
+    kOpenReadExtentHeader,
+    kOpenEntryHeaderSize,
+    kOpenReadEntryHeaders,
+    kOpenTypeCount,
+    kOpenTypeTableForUpdate,
+    kOpenWriteTypeTable,
+    kWriteEntryFailed,
+    kWriteEntryHeaderFailed,
+    kWriteExtentFailed,
+    kWriteExtentHeaderFailed,
+    kDeleteHeaderFailed,
+    kReadEntryFailed,
+    kReadEntryRebuild,
+    kInsertNotVerified,
+};
+
+}  // namespace Tarn

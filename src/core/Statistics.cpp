@@ -1,0 +1,7 @@
+#include "tarn/Statistics.h"
+
+namespace Tarn {
+
+Statistics& Statistics::operator=(const Statistics& other) = default;
+
+}  // namespace Tarn
