@@ -3,6 +3,7 @@
 #include <new>
 
 #include "platform/RaiseSites.h"
+#include "platform/RequestBlockPool.h"
 #include "platform/RequestState.h"
 
 namespace Pt {
@@ -13,6 +14,9 @@ constexpr size_t Align(size_t size) {
   return (size + kAlign - 1) / kAlign * kAlign;
 }
 
+// Layout of a request's block: the block's size, the request, the device's
+// bookkeeping, the data area.
+constexpr size_t kPrefix = Align(sizeof(size_t));
 constexpr size_t kStateOffset = Align(sizeof(IoRequest));
 constexpr size_t kDataOffset = kStateOffset + Align(sizeof(RequestState));
 
@@ -25,8 +29,10 @@ RequestState& IoRequestAccess::state(IoRequest& request) noexcept {
 
 SmartPointer<IoRequest> IoRequest::Create(IoNotify* notify, int length, ReqPri priority) {
   if (length < 0) throw ExSystem(EINVAL, kRaiseDeviceRequest);
-  // One block: the request, the device's bookkeeping, then the data area.
-  auto* block = static_cast<std::byte*>(::operator new(kDataOffset + static_cast<size_t>(length)));
+  const size_t blockSize = kPrefix + kDataOffset + static_cast<size_t>(length);
+  auto* start = static_cast<std::byte*>(RequestBlockPool::Allocate(blockSize));
+  new (start) size_t(blockSize);
+  std::byte* block = start + kPrefix;
   // The data area is not cleared: a writer fills all of it, and a read
   // defines byteCount() bytes of it.
   uint8_t* data = reinterpret_cast<uint8_t*>(block + kDataOffset);
@@ -39,6 +45,9 @@ IoRequest::IoRequest(IoNotify* notify, int length, ReqPri priority, uint8_t* dat
 
 IoRequest::~IoRequest() { IoRequestAccess::state(*this).~RequestState(); }
 
-void IoRequest::operator delete(void* block) noexcept { ::operator delete(block); }
+void IoRequest::operator delete(void* request) noexcept {
+  auto* start = static_cast<std::byte*>(request) - kPrefix;
+  RequestBlockPool::Release(start, *std::launder(reinterpret_cast<size_t*>(start)));
+}
 
 }  // namespace Pt

@@ -13,7 +13,7 @@
 namespace Pt {
 namespace {
 
-constexpr int kDefaultUringThreads = 2;
+constexpr int kDefaultUringThreads = 3;
 constexpr int kDefaultPoolThreads = 4;
 
 struct PlatformRegistry {

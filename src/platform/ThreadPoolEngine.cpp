@@ -11,22 +11,20 @@ namespace Pt {
 
 ThreadPoolEngine::ThreadPoolEngine(int threads) {
   try {
-    for (int i = 0; i < threads; ++i) threads_.emplace_back([this] { workerLoop(); });
+    for (int i = 0; i < threads; ++i) threads_.emplace_back([this, i] { workerLoop(i); });
   } catch (const std::system_error& error) {
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      stopping_ = true;
-    }
-    work_.notify_all();
-    for (std::thread& thread : threads_) thread.join();
+    stopThreads();
     throw ExSystem(error.code().value(), kRaiseIoThreadCreate);
   }
 }
 
-ThreadPoolEngine::~ThreadPoolEngine() {
+ThreadPoolEngine::~ThreadPoolEngine() { stopThreads(); }
+
+void ThreadPoolEngine::stopThreads() {
   {
     std::lock_guard<std::mutex> guard(mutex_);
     stopping_ = true;
+    roster_.wakeAll();
   }
   work_.notify_all();
   for (std::thread& thread : threads_) thread.join();
@@ -34,30 +32,46 @@ ThreadPoolEngine::~ThreadPoolEngine() {
 
 void ThreadPoolEngine::submit(IoRequest* request) {
   IoRequestAccess::state(*request).next = nullptr;
-  {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (tail_) {
-      IoRequestAccess::state(*tail_).next = request;
-    } else {
-      head_ = request;
-    }
-    tail_ = request;
+  std::lock_guard<std::mutex> guard(mutex_);
+  if (tail_) {
+    IoRequestAccess::state(*tail_).next = request;
+  } else {
+    head_ = request;
+    work_.notify_one();  // only an empty queue can have the thread on duty waiting
   }
-  work_.notify_one();
+  tail_ = request;
 }
 
-void ThreadPoolEngine::workerLoop() {
-  std::unique_lock<std::mutex> guard(mutex_);
+IoRequest* ThreadPoolEngine::pop() {
+  IoRequest* request = head_;
+  head_ = IoRequestAccess::state(*request).next;
+  if (head_ == nullptr) tail_ = nullptr;
+  return request;
+}
+
+void ThreadPoolEngine::workerLoop(int self) {
+  std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    work_.wait(guard, [this] { return head_ != nullptr || stopping_; });
-    if (head_ == nullptr) return;  // stopping, and nothing left to do
-    IoRequest* request = head_;
-    head_ = IoRequestAccess::state(*request).next;
-    if (head_ == nullptr) tail_ = nullptr;
-    guard.unlock();
-    carryOut(request);
-    guard.lock();
+    if (roster_.claimIfFree(self)) {
+      if (head_ == nullptr) {
+        if (stopping_) break;
+        work_.wait(lock);
+        continue;
+      }
+      IoRequest* request = pop();
+      roster_.beginItem();
+      lock.unlock();
+      carryOut(request);
+      lock.lock();
+      roster_.endItem(self);
+      continue;
+    }
+    if (stopping_) break;  // the thread on duty drains the queue
+    roster_.serve(lock, self, [this] { return head_ != nullptr; }, [this] { return stopping_; });
   }
+  roster_.release(self);
+  roster_.wakeAll();
+  work_.notify_all();
 }
 
 void ThreadPoolEngine::carryOut(IoRequest* request) {

@@ -1,8 +1,11 @@
-// The portable engine: a few threads that take requests from one queue and
-// carry them out with pread and pwrite. Used when io_uring cannot be set up,
-// and selectable for tests.
+// The portable engine: a few threads that carry requests out with pread and
+// pwrite. Used when io_uring cannot be set up, and selectable for tests.
 //
-// Invariant: a request is in `queue_` from submit() until one thread takes
+// Requests wait in one FIFO queue. The thread on duty (DutyRoster) takes them
+// one by one, moves the bytes and runs the callback; another thread takes
+// over when one request keeps it for long while others wait.
+//
+// Invariant: a request is in the queue from submit() until one thread takes
 // it; that thread alone then moves its bytes and finishes it.
 #pragma once
 
@@ -11,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/DutyRoster.h"
 #include "platform/IoEngine.h"
 
 namespace Pt {
@@ -24,11 +28,14 @@ class ThreadPoolEngine final : public IoEngine {
   void submit(IoRequest* request) override;
 
  private:
-  void workerLoop();
+  void workerLoop(int self);
+  IoRequest* pop();  // requires mutex_ and a non-empty queue
+  void stopThreads();
   static void carryOut(IoRequest* request);
 
   std::mutex mutex_;
-  std::condition_variable work_;
+  std::condition_variable work_;  // the thread on duty waits here for requests
+  DutyRoster roster_;
   IoRequest* head_ = nullptr;  // FIFO through RequestState::next
   IoRequest* tail_ = nullptr;
   bool stopping_ = false;

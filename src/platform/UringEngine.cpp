@@ -25,7 +25,7 @@ std::unique_ptr<UringEngine> UringEngine::Create(int threads) {
   // having more in flight than it holds means no completion is ever dropped.
   engine->maxInFlight_ = engine->ring_.cq.ring_entries;
   try {
-    for (int i = 0; i < threads; ++i) engine->threads_.emplace_back([e = engine.get()] { e->completionLoop(); });
+    for (int i = 0; i < threads; ++i) engine->threads_.emplace_back([e = engine.get(), i] { e->completionLoop(i); });
   } catch (const std::system_error& failure) {
     engine.reset();  // the destructor stops the threads already running
     throw ExSystem(failure.code().value(), kRaiseIoThreadCreate);
@@ -38,10 +38,10 @@ UringEngine::~UringEngine() {
   {
     std::lock_guard<std::mutex> guard(reapMutex_);
     stopping_ = true;
+    roster_.wakeAll();
   }
-  followers_.notify_all();
   {
-    // A no-op wakes the leader out of its wait; its null tag means "stop".
+    // A no-op wakes the thread on duty out of its wait; its null tag means "stop".
     std::lock_guard<std::mutex> guard(submitMutex_);
     io_uring_sqe* sqe = io_uring_get_sqe(&ring_);
     if (sqe) {
@@ -94,37 +94,36 @@ void UringEngine::prepare(IoRequest* request) {
   io_uring_submit(&ring_);
 }
 
-void UringEngine::completionLoop() {
+void UringEngine::completionLoop(int self) {
   Completion batch[kReapBatch];
-  std::unique_lock<std::mutex> guard(reapMutex_);
+  std::unique_lock<std::mutex> lock(reapMutex_);
   for (;;) {
-    followers_.wait(guard, [this] { return !ready_.empty() || !leaderActive_ || stopping_; });
-    if (!ready_.empty()) {
-      const Completion completion = ready_.front();
-      ready_.pop_front();
-      // Wake one more thread only while work is left for it.
-      if (!ready_.empty()) followers_.notify_one();
-      guard.unlock();
-      handle(completion);
-      guard.lock();
+    if (roster_.claimIfFree(self)) {
+      if (!ready_.empty()) {
+        const Completion completion = ready_.front();
+        ready_.pop_front();
+        roster_.beginItem();
+        lock.unlock();
+        handle(completion);
+        lock.lock();
+        roster_.endItem(self);
+        continue;
+      }
+      if (stopping_) break;
+      // Only the thread on duty reaps; it does so with nothing left in ready_.
+      lock.unlock();
+      const size_t count = reapBatch(batch, kReapBatch);
+      lock.lock();
+      ready_.insert(ready_.end(), batch, batch + count);
       continue;
     }
-    if (stopping_) return;
-    leaderActive_ = true;
-    guard.unlock();
-    const size_t count = reapBatch(batch, kReapBatch);
-    guard.lock();
-    leaderActive_ = false;
-    if (count == 0) continue;
-    // The leader finishes the first completion itself; the rest wait in
-    // ready_ for whichever thread is free, so one slow callback holds up no
-    // other completion. A woken follower also takes over the reaping.
-    ready_.insert(ready_.end(), batch + 1, batch + count);
-    followers_.notify_one();
-    guard.unlock();
-    handle(batch[0]);
-    guard.lock();
+    if (stopping_) break;
+    roster_.serve(
+        lock, self, [this] { return !ready_.empty() || io_uring_cq_ready(&ring_) > 0; },
+        [this] { return stopping_; });
   }
+  roster_.release(self);
+  roster_.wakeAll();
 }
 
 size_t UringEngine::reapBatch(Completion* batch, size_t capacity) {

@@ -5,16 +5,14 @@
 // are in the kernel at once, so the completion queue can never overflow;
 // further requests wait in the backlog (FIFO) and enter as others finish.
 //
-// Completion: a few threads take turns as the reaper (leader/followers). The
-// leader alone waits on the completion queue. It takes a batch, keeps the
-// first completion for itself, leaves the rest in `ready_` and wakes one
-// follower; every thread takes work from `ready_` before it tries to lead.
-// So a slow callback holds up only the thread that runs it, never the
-// reaping nor the other completions.
+// Completion: the thread on duty (DutyRoster) reaps a batch of completions
+// into `ready_` and finishes them one by one, callbacks included; only it
+// touches the completion queue. Another thread takes over the duty when one
+// callback keeps it for long while more completions wait.
 //
 // Invariants: inFlight_ == requests whose operation is in the ring or the
 // kernel (continuations included); backlog_ is empty unless
-// inFlight_ == maxInFlight_; at most one thread is the leader.
+// inFlight_ == maxInFlight_; only the thread on duty reaps.
 #pragma once
 
 #include <liburing.h>
@@ -26,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/DutyRoster.h"
 #include "platform/IoEngine.h"
 
 namespace Pt {
@@ -47,7 +46,7 @@ class UringEngine final : public IoEngine {
   };
 
   UringEngine() = default;
-  void completionLoop();
+  void completionLoop(int self);
   size_t reapBatch(Completion* batch, size_t capacity);
   void handle(const Completion& completion);
   void prepare(IoRequest* request);  // requires submitMutex_
@@ -62,9 +61,8 @@ class UringEngine final : public IoEngine {
   std::deque<IoRequest*> backlog_;
 
   std::mutex reapMutex_;
-  std::condition_variable followers_;
-  std::deque<Completion> ready_;  // reaped, waiting for a free thread
-  bool leaderActive_ = false;
+  DutyRoster roster_;
+  std::deque<Completion> ready_;  // reaped, not yet finished
   bool stopping_ = false;
   std::vector<std::thread> threads_;
 };
