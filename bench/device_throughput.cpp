@@ -137,10 +137,12 @@ void RawRingTransfer(benchmark::State& state, bool write) {
     io_uring_sqe* sqe = io_uring_get_sqe(&ring);
     uint8_t* buffer = block.data() + static_cast<size_t>(offset / blockSize % depth) * blockSize;
     if (write) {
-      io_uring_prep_write(sqe, fd, buffer, static_cast<unsigned>(blockSize), static_cast<__u64>(offset));
+      io_uring_prep_write(sqe, fd, buffer, static_cast<unsigned>(blockSize),
+                          static_cast<__u64>(offset));
       sqe->flags |= IOSQE_ASYNC;
     } else {
-      io_uring_prep_read(sqe, fd, buffer, static_cast<unsigned>(blockSize), static_cast<__u64>(offset));
+      io_uring_prep_read(sqe, fd, buffer, static_cast<unsigned>(blockSize),
+                         static_cast<__u64>(offset));
     }
     io_uring_submit(&ring);
     ++inFlight;
@@ -196,9 +198,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
       const bool write = variant.find("write") != std::string::npos;
       const auto bytesAt = name.find("bytes:");
       const std::string bytes = name.substr(bytesAt, name.find('/', bytesAt) - bytesAt);
-      const auto floor = times_.find(std::string("PlainTransfer/") +
-                                     (write ? "write_floor/" : "read_floor/") + bytes +
-                                     "/depth:1/real_time");
+      const auto floor =
+          times_.find(std::string("PlainTransfer/") + (write ? "write_floor/" : "read_floor/") +
+                      bytes + "/depth:1/real_time");
       if (floor == times_.end() || time <= 0) continue;
       std::printf("  %-60s %6.0f%%\n", name.c_str(), 100.0 * floor->second / time);
     }

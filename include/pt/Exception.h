@@ -65,8 +65,8 @@ class PT_EXPORT Exception : public std::exception {
   static void Post(const Exception& exception);
   // Installs `handler` (null restores the default) and returns the previous
   // handler and its context through the out-parameters when they are given.
-  static void SetPostHandler(PostHandler handler, void* context,
-                             PostHandler* previous = nullptr, void** previousContext = nullptr);
+  static void SetPostHandler(PostHandler handler, void* context, PostHandler* previous = nullptr,
+                             void** previousContext = nullptr);
 
  private:
   std::wstring message_;

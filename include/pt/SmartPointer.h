@@ -48,7 +48,7 @@ template <class T>
 class SmartPointer {
  public:
   SmartPointer() noexcept = default;
-  SmartPointer(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor)
+  SmartPointer(std::nullptr_t) noexcept {}              // NOLINT(google-explicit-constructor)
   SmartPointer(T* object) noexcept : object_(object) {  // NOLINT(google-explicit-constructor)
     if (object_) object_->incRefCount();
   }

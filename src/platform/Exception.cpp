@@ -72,9 +72,13 @@ Exception& Exception::operator=(const Exception& other) {
 
 Exception::~Exception() = default;
 
-const char* Exception::what() const noexcept { return utf8_.c_str(); }
+const char* Exception::what() const noexcept {
+  return utf8_.c_str();
+}
 
-Exception* Exception::clone() const { return new Exception(*this); }
+Exception* Exception::clone() const {
+  return new Exception(*this);
+}
 
 void Exception::Post(const Exception& exception) {
   // The clone lets the caller destroy its object as soon as Post returns,
@@ -106,8 +110,12 @@ ExSystem::ExSystem(int code, const ExWhere& where)
 
 ExSystem::~ExSystem() = default;
 
-Exception* ExSystem::clone() const { return new ExSystem(*this); }
+Exception* ExSystem::clone() const {
+  return new ExSystem(*this);
+}
 
-int ErrorCode() noexcept { return errno; }
+int ErrorCode() noexcept {
+  return errno;
+}
 
 }  // namespace Pt

@@ -9,8 +9,8 @@
 
 #include <memory>
 
-#include "pt/Platform.h"
 #include "platform/RequestState.h"
+#include "pt/Platform.h"
 
 namespace Pt {
 

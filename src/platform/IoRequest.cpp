@@ -43,7 +43,9 @@ SmartPointer<IoRequest> IoRequest::Create(IoNotify* notify, int length, ReqPri p
 IoRequest::IoRequest(IoNotify* notify, int length, ReqPri priority, uint8_t* data) noexcept
     : notify_(notify), priority_(priority), length_(length), data_(data) {}
 
-IoRequest::~IoRequest() { IoRequestAccess::state(*this).~RequestState(); }
+IoRequest::~IoRequest() {
+  IoRequestAccess::state(*this).~RequestState();
+}
 
 void IoRequest::operator delete(void* request) noexcept {
   auto* start = static_cast<std::byte*>(request) - kPrefix;

@@ -93,9 +93,13 @@ IoEngineKind ActiveIoEngine() {
   return engine ? engine->kind() : IoEngineKind::Automatic;
 }
 
-IoEngine* CurrentIoEngine() noexcept { return runningEngine.load(std::memory_order_acquire); }
+IoEngine* CurrentIoEngine() noexcept {
+  return runningEngine.load(std::memory_order_acquire);
+}
 
-void RequestStarted() noexcept { Outstanding().count.fetch_add(1, std::memory_order_relaxed); }
+void RequestStarted() noexcept {
+  Outstanding().count.fetch_add(1, std::memory_order_relaxed);
+}
 
 void RequestEnded() noexcept {
   OutstandingRequests& outstanding = Outstanding();

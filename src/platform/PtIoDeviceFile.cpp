@@ -41,7 +41,9 @@ SmartPointer<PtIoDeviceFile> PtIoDeviceFile::Create(const wchar_t* path, Flags f
 
 PtIoDeviceFile::PtIoDeviceFile(int fd) : core_(new DeviceCore(this, fd)) {}
 
-PtIoDeviceFile::~PtIoDeviceFile() { delete core_; }
+PtIoDeviceFile::~PtIoDeviceFile() {
+  delete core_;
+}
 
 void PtIoDeviceFile::read(const SmartPointer<IoRequest>& request) {
   core_->queue(request, IoKind::Read);
@@ -51,17 +53,25 @@ void PtIoDeviceFile::write(const SmartPointer<IoRequest>& request) {
   core_->queue(request, IoKind::Write);
 }
 
-int64_t PtIoDeviceFile::length() const { return core_->length(); }
+int64_t PtIoDeviceFile::length() const {
+  return core_->length();
+}
 
-void PtIoDeviceFile::flush() const { core_->flush(); }
+void PtIoDeviceFile::flush() const {
+  core_->flush();
+}
 
-int PtIoDeviceFile::descriptor() const noexcept { return core_->descriptor(); }
+int PtIoDeviceFile::descriptor() const noexcept {
+  return core_->descriptor();
+}
 
 // ---- DeviceCore ----------------------------------------------------------
 
 DeviceCore::DeviceCore(PtIoDeviceFile* owner, int fd) : owner_(owner), fd_(fd) {}
 
-DeviceCore::~DeviceCore() { ::close(fd_); }
+DeviceCore::~DeviceCore() {
+  ::close(fd_);
+}
 
 void DeviceCore::queue(const SmartPointer<IoRequest>& request, IoKind kind) {
   if (!request || request->offset() < 0 ||
@@ -139,8 +149,9 @@ void DeviceCore::Deliver(IoRequest& request, int error) {
   } catch (const Exception& escaped) {
     Exception::Post(escaped);
   } catch (const std::exception& escaped) {
-    const std::wstring text = L"I/O completion callback failed: " +
-                              std::wstring(escaped.what(), escaped.what() + std::strlen(escaped.what()));
+    const std::wstring text =
+        L"I/O completion callback failed: " +
+        std::wstring(escaped.what(), escaped.what() + std::strlen(escaped.what()));
     Exception::Post(Exception(ExReason{text.c_str(), kRaiseIoCallback, 1}));
   } catch (...) {
     Exception::Post(Exception(ExReason{L"I/O completion callback failed", kRaiseIoCallback, 1}));
@@ -171,6 +182,8 @@ void DeviceCore::flush() {
   if (fdatasync(fd_) != 0) throw ExSystem(errno, kRaiseDeviceFlush);
 }
 
-void FinishRequest(IoRequest* request, int error) { DeviceCore::Finish(request, error); }
+void FinishRequest(IoRequest* request, int error) {
+  DeviceCore::Finish(request, error);
+}
 
 }  // namespace Pt

@@ -33,7 +33,9 @@ bool Pooled(size_t size) {
 }
 
 // Class i holds blocks of (i + 1) pages.
-size_t ClassOf(size_t size) { return (size + RequestBlockPool::kPage - 1) / RequestBlockPool::kPage - 1; }
+size_t ClassOf(size_t size) {
+  return (size + RequestBlockPool::kPage - 1) / RequestBlockPool::kPage - 1;
+}
 
 }  // namespace
 

@@ -21,18 +21,18 @@ struct RequestState {
   int transferred = 0;  // bytes done so far; short transfers continue from here
 
   // Set by the fault-injection seam (tests only).
-  int injectedError = 0;   // fail the request with this errno instead of doing it
-  int shortenFirstTo = 0;  // cap the first transfer at this many bytes
-  int transientErrors = 0; // report EAGAIN this many times before doing it
+  int injectedError = 0;    // fail the request with this errno instead of doing it
+  int shortenFirstTo = 0;   // cap the first transfer at this many bytes
+  int transientErrors = 0;  // report EAGAIN this many times before doing it
 
   // Sequencing of overlapping requests (RequestSequencer).
-  int pendingPredecessors = 0;          // earlier overlapping requests still running
-  std::vector<IoRequest*> successors;   // later requests waiting for this one
-  const IoRequest* lastVisitor = nullptr;  // de-duplicates this request among a new one's predecessors
+  int pendingPredecessors = 0;         // earlier overlapping requests still running
+  std::vector<IoRequest*> successors;  // later requests waiting for this one
+  const IoRequest* lastVisitor =
+      nullptr;  // de-duplicates this request among a new one's predecessors
 
-  uint64_t flushEpoch = 0;  // which flush generation counts it
+  uint64_t flushEpoch = 0;    // which flush generation counts it
   IoRequest* next = nullptr;  // intrusive link in engine queues
-
 };
 
 // The platform's private access to the request's hidden parts.

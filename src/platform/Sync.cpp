@@ -17,13 +17,21 @@ Mutex::Mutex() {
   pthread_mutexattr_destroy(&attributes);
 }
 
-Mutex::~Mutex() { pthread_mutex_destroy(&mutex_); }
+Mutex::~Mutex() {
+  pthread_mutex_destroy(&mutex_);
+}
 
-void Mutex::lock() { pthread_mutex_lock(&mutex_); }
+void Mutex::lock() {
+  pthread_mutex_lock(&mutex_);
+}
 
-void Mutex::unlock() { pthread_mutex_unlock(&mutex_); }
+void Mutex::unlock() {
+  pthread_mutex_unlock(&mutex_);
+}
 
-bool Mutex::try_lock() { return pthread_mutex_trylock(&mutex_) == 0; }
+bool Mutex::try_lock() {
+  return pthread_mutex_trylock(&mutex_) == 0;
+}
 
 CondVar::CondVar() {
   // Time-outs are measured on the monotonic clock, so that setting the wall
@@ -35,7 +43,9 @@ CondVar::CondVar() {
   pthread_condattr_destroy(&attributes);
 }
 
-CondVar::~CondVar() { pthread_cond_destroy(&cond_); }
+CondVar::~CondVar() {
+  pthread_cond_destroy(&cond_);
+}
 
 bool CondVar::wait_(Mutex& mutex, int timeoutMs) {
   if (timeoutMs < 0) {
@@ -53,9 +63,13 @@ bool CondVar::wait_(Mutex& mutex, int timeoutMs) {
   return pthread_cond_timedwait(&cond_, &mutex.mutex_, &deadline) != ETIMEDOUT;
 }
 
-void CondVar::signal() { pthread_cond_signal(&cond_); }
+void CondVar::signal() {
+  pthread_cond_signal(&cond_);
+}
 
-void CondVar::broadcast() { pthread_cond_broadcast(&cond_); }
+void CondVar::broadcast() {
+  pthread_cond_broadcast(&cond_);
+}
 
 Semaphore::Semaphore(int initial) : count_(initial) {}
 
@@ -67,7 +81,9 @@ void Semaphore::post() {
   available_.notify_one();
 }
 
-void Semaphore::wait() { wait_(-1); }
+void Semaphore::wait() {
+  wait_(-1);
+}
 
 bool Semaphore::wait_(int timeoutMs) {
   std::unique_lock<std::mutex> guard(mutex_);

@@ -30,7 +30,9 @@ int NiceOffset(int priority) {
 
 Thread::Thread(bool detached) : detached_(detached) {}
 
-Thread::~Thread() { assert(!started_ || detached_); }
+Thread::~Thread() {
+  assert(!started_ || detached_);
+}
 
 void Thread::begin() {
   // A detached body may delete this object as soon as the thread exists:

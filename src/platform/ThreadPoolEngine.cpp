@@ -18,7 +18,9 @@ ThreadPoolEngine::ThreadPoolEngine(int threads) {
   }
 }
 
-ThreadPoolEngine::~ThreadPoolEngine() { stopThreads(); }
+ThreadPoolEngine::~ThreadPoolEngine() {
+  stopThreads();
+}
 
 void ThreadPoolEngine::stopThreads() {
   {
@@ -67,7 +69,8 @@ void ThreadPoolEngine::workerLoop(int self) {
       continue;
     }
     if (stopping_) break;  // the thread on duty drains the queue
-    roster_.serve(lock, self, [this] { return head_ != nullptr; }, [this] { return stopping_; });
+    roster_.serve(
+        lock, self, [this] { return head_ != nullptr; }, [this] { return stopping_; });
   }
   roster_.release(self);
   roster_.wakeAll();

@@ -25,7 +25,8 @@ std::unique_ptr<UringEngine> UringEngine::Create(int threads) {
   // having more in flight than it holds means no completion is ever dropped.
   engine->maxInFlight_ = engine->ring_.cq.ring_entries;
   try {
-    for (int i = 0; i < threads; ++i) engine->threads_.emplace_back([e = engine.get(), i] { e->completionLoop(i); });
+    for (int i = 0; i < threads; ++i)
+      engine->threads_.emplace_back([e = engine.get(), i] { e->completionLoop(i); });
   } catch (const std::system_error& failure) {
     engine.reset();  // the destructor stops the threads already running
     throw ExSystem(failure.code().value(), kRaiseIoThreadCreate);

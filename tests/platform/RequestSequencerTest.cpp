@@ -1,6 +1,6 @@
 // The ordering of overlapping requests, without a device around it.
-#include <random>
 #include <map>
+#include <random>
 #include <set>
 
 #include <gtest/gtest.h>

@@ -19,7 +19,7 @@ struct IoEvent {
   int byteCount = 0;
   std::vector<uint8_t> data;  // the request's data area at callback time
   std::thread::id thread;
-  int tag = 0;                // the recorder's tag, to tell requests apart
+  int tag = 0;  // the recorder's tag, to tell requests apart
 };
 
 class IoRecorder : public Pt::IoNotify {

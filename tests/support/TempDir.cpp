@@ -20,8 +20,12 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-std::string TempDir::file(const std::string& name) const { return (path_ / name).string(); }
+std::string TempDir::file(const std::string& name) const {
+  return (path_ / name).string();
+}
 
-std::wstring TempDir::wfile(const std::string& name) const { return (path_ / name).wstring(); }
+std::wstring TempDir::wfile(const std::string& name) const {
+  return (path_ / name).wstring();
+}
 
 }  // namespace TarnTest
