@@ -65,6 +65,9 @@ class SmartPointer {
     if (object_) object_->decRefCount();
   }
 
+  // Copy and swap: safe for self-assignment, and the old object is released
+  // only after the new one is held.
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment)
   SmartPointer& operator=(const SmartPointer& other) noexcept {
     SmartPointer(other).swap(*this);
     return *this;

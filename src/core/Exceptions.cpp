@@ -21,7 +21,9 @@ Pt::Exception* ExBase::clone() const {
   return new ExBase(*this);
 }
 
-// The eight subclasses differ only in their name and message code.
+// The eight subclasses differ only in their name and message code. `Name` is
+// a class name and cannot be parenthesised.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define TARN_DEFINE_EXCEPTION(Name, code)                                     \
   Name::Name(const Pt::ExWhere& where) : ExBase(errorMessage(code), where) {} \
   Name::Name(const Pt::ExWhere& where, const Pt::Exception& nested)           \
@@ -46,5 +48,6 @@ TARN_DEFINE_EXCEPTION(ExFileWriteEntryHeader, kMsgFileWriteEntryHeader)
 TARN_DEFINE_EXCEPTION(ExFileWriteExtentHeader, kMsgFileWriteExtentHeader)
 
 #undef TARN_DEFINE_EXCEPTION
+// NOLINTEND(bugprone-macro-parentheses)
 
 }  // namespace Tarn

@@ -102,7 +102,7 @@ TypeRecord TypeRecord::Decode(std::span<const uint8_t, kSize> in) {
 std::vector<TypeRecord> DecodeTypeTable(std::span<const uint8_t, kTypeTableSize> table) {
   std::vector<TypeRecord> records;
   for (uint32_t slot = 0; slot < kTypeRecordCount; ++slot) {
-    const auto image = table.subspan(slot * kTypeRecordSize).first<kTypeRecordSize>();
+    const auto image = table.subspan(size_t{slot} * kTypeRecordSize).first<kTypeRecordSize>();
     TypeRecord record = TypeRecord::Decode(image);
     if (!record.isUsed()) break;
     records.push_back(record);
@@ -117,7 +117,8 @@ std::array<uint8_t, kTypeTableSize> EncodeTypeTable(std::span<const TypeRecord> 
       throw std::out_of_range("EncodeTypeTable: type id outside 1..16");
     }
     const uint32_t slot = record.id - 1u;
-    record.encodeTo(std::span(table).subspan(slot * kTypeRecordSize).first<kTypeRecordSize>());
+    record.encodeTo(
+        std::span(table).subspan(size_t{slot} * kTypeRecordSize).first<kTypeRecordSize>());
   }
   return table;
 }
