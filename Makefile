@@ -1,10 +1,13 @@
 # Front door of the build. Every target that builds first makes sure the
 # Debian packages the project needs are installed.
 PRESET ?= default
-DEB_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev libgtest-dev libgmock-dev libbenchmark-dev
+DEB_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev libgtest-dev libgmock-dev libbenchmark-dev \
+                clang libclang-rt-14-dev
 JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
+FUZZ_DIR := build/fuzz
 
-.PHONY: deps build run test bench asan tsan clean
+.PHONY: deps build run test bench asan tsan fuzz clean
 
 deps:
 	@missing=""; \
@@ -36,6 +39,20 @@ asan:
 
 tsan:
 	$(MAKE) test PRESET=tsan
+
+# The loader fuzzer, in a tree of its own where the whole library is built
+# with clang for coverage and the sanitizers. The corpus grows across runs;
+# a finding is written to $(FUZZ_DIR)/artifacts and fails the target.
+fuzz: deps
+	cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_CXX_COMPILER=clang++ \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_FUZZ=ON -DTARN_BUILD_TESTS=OFF \
+	  -DTARN_BUILD_BENCH=OFF -DTARN_BUILD_TOOLS=OFF \
+	  -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined"
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target tarn_fuzz_loader tarn_fuzz_seeds
+	mkdir -p $(FUZZ_DIR)/corpus $(FUZZ_DIR)/artifacts
+	$(FUZZ_DIR)/fuzz/tarn_fuzz_seeds $(FUZZ_DIR)/seeds
+	$(FUZZ_DIR)/fuzz/tarn_fuzz_loader -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
+	  -artifact_prefix=$(FUZZ_DIR)/artifacts/ $(FUZZ_DIR)/corpus $(FUZZ_DIR)/seeds
 
 clean:
 	rm -rf build

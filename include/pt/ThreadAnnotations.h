@@ -19,3 +19,4 @@
 #define PT_RELEASE(...) PT_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define PT_TRY_ACQUIRE(...) PT_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define PT_NO_THREAD_SAFETY_ANALYSIS PT_THREAD_ANNOTATION(no_thread_safety_analysis)
+#define PT_RETURN_CAPABILITY(x) PT_THREAD_ANNOTATION(lock_returned(x))

@@ -53,7 +53,21 @@ inline constexpr RaiseSite kOpenReadExtentHeader{kSystemError, {kSrcFileManager,
 inline constexpr RaiseSite kOpenEntryHeaderSize{kMsgUnsupportedFileVersion, {kSrcFileManager, 344}};
 inline constexpr RaiseSite kOpenReadEntryHeaders{kSystemError, {kSrcFileManager, 358}};
 
+// Opening a cache file: checks beyond the version that protect against a
+// truncated, corrupted or hostile file. Each rejects the file as unsupported.
+inline constexpr RaiseSite kOpenFileTooLarge{kMsgUnsupportedFileVersion, {kSrcFileManager, 283}};
+inline constexpr RaiseSite kOpenTypeTableDamaged{kMsgUnsupportedFileVersion,
+                                                 {kSrcFileManager, 311}};
+inline constexpr RaiseSite kOpenExtentChainDamaged{kMsgUnsupportedFileVersion,
+                                                   {kSrcFileManager, 336}};
+inline constexpr RaiseSite kOpenEntryDamaged{kMsgUnsupportedFileVersion, {kSrcFileManager, 362}};
+inline constexpr RaiseSite kOpenRangesDamaged{kMsgUnsupportedFileVersion, {kSrcFileManager, 371}};
+// Another open of the same file (this process or another) holds it.
+inline constexpr RaiseSite kOpenFileLocked{kSystemError, {kSrcFileManager, 281}};
+
 // Opening a cache file: matching the factories to the file's type table.
+// A factory's type name does not fit a type record.
+inline constexpr RaiseSite kOpenTypeNameTooLong{kSystemError, {kSrcFileManager, 205}};
 inline constexpr RaiseSite kOpenTypeCount{kMsgFactoryClassNotFound, {kSrcFileManager, 210}};
 inline constexpr RaiseSite kOpenTypeTableForUpdate{kSystemError, {kSrcFileManager, 221}};
 inline constexpr RaiseSite kOpenWriteTypeTable{kSystemError, {kSrcFileManager, 231}};
@@ -71,6 +85,10 @@ inline constexpr RaiseSite kReadEntryFailed{kMsgFileReadEntry, {kSrcReadEntryRec
 // The read completed but decode, or the insert after it, threw.
 inline constexpr RaiseSite kReadEntryRebuild{kMsgFileReadEntry, {kSrcReadEntryReceiver, 82}};
 
+// Space allocation: growing the file would take it to 2 GiB, beyond which
+// its 32-bit offsets could not be handed to the device.
+inline constexpr RaiseSite kGrowFileTooLarge{kSystemError, {kSrcFileManager, 1204}};
+
 // Cache manager: an object's verify() was false on insert.
 inline constexpr RaiseSite kInsertNotVerified{kMsgCachableNotVerified, {kSrcManager, 467}};
 
@@ -87,6 +105,14 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kOpenReadExtentHeader,
     kOpenEntryHeaderSize,
     kOpenReadEntryHeaders,
+    kOpenFileTooLarge,
+    kOpenTypeTableDamaged,
+    kOpenExtentChainDamaged,
+    kOpenEntryDamaged,
+    kOpenRangesDamaged,
+    kOpenFileLocked,
+    kOpenTypeNameTooLong,
+    kGrowFileTooLarge,
     kOpenTypeCount,
     kOpenTypeTableForUpdate,
     kOpenWriteTypeTable,

@@ -1,0 +1,184 @@
+// Opening a cache file of 1,000,000 entries (245 extents), against a bare
+// loop that reads the same extent bytes and inserts the same keys into a
+// std::map. The figure to watch is the ratio of the two.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "pt/Platform.h"
+#include "store/FileManager.h"
+#include "tarn/CacheFile.h"
+#include "core/FactoryManager.h"
+
+namespace {
+
+constexpr uint32_t kEntries = 1'000'000;
+constexpr uint32_t kAllocation = 256;
+
+class BenchFactory : public Tarn::CacheableFactory {
+ public:
+  Pt::SmartPointer<Tarn::Cacheable> create(const Tarn::CacheKey<32>&) override { return nullptr; }
+  Pt::SmartPointer<Tarn::Cacheable> decode(const Tarn::CacheKey<32>&,
+                                           const Pt::SmartPointer<Tarn::Buffer>&) override {
+    return nullptr;
+  }
+  const std::string& getType() const override { return type_; }
+
+ private:
+  std::string type_ = "tile";
+};
+
+void Check(bool ok, const char* what) {
+  if (!ok) {
+    std::perror(what);
+    std::abort();
+  }
+}
+
+// The extents of the file: the first one of the new file, then the others
+// behind the data region, which stays a hole (a sparse file).
+std::vector<uint32_t> ExtentLocations() {
+  std::vector<uint32_t> locations{Tarn::kFirstExtentOffset};
+  const uint32_t extents = (kEntries + Tarn::kEntriesPerExtent - 1) / Tarn::kEntriesPerExtent;
+  const uint32_t dataEnd = Tarn::kInitialFileSize + kEntries * kAllocation;
+  for (uint32_t i = 1; i < extents; ++i) {
+    locations.push_back(dataEnd + (i - 1) * Tarn::kExtentBlockSize);
+  }
+  return locations;
+}
+
+std::vector<uint8_t> SlotsOfExtent(size_t extent, std::mt19937_64& random) {
+  std::vector<uint8_t> slots(Tarn::kExtentSlotsSize, 0);
+  for (uint32_t slot = 0; slot < Tarn::kEntriesPerExtent; ++slot) {
+    const uint64_t index = extent * Tarn::kEntriesPerExtent + slot;
+    if (index >= kEntries) break;
+    Tarn::PrimaryKey key{};
+    key.length = 24;
+    for (int i = 0; i < 24; i += 8) {
+      const uint64_t bits = random();
+      std::memcpy(key.data + i, &bits, 8);
+    }
+    const auto header = Tarn::EntryHeader::ForEntry(
+        1, key, Tarn::SecondaryKey::FromString("tiles"),
+        static_cast<uint32_t>(Tarn::kInitialFileSize + index * kAllocation), 200, kAllocation);
+    header.encodeTo(std::span<uint8_t, 64>(slots.data() + slot * 64, 64));
+  }
+  return slots;
+}
+
+const std::string& BenchFile() {
+  static const std::string path = [] {
+    char folder[] = "/tmp/tarn-open-XXXXXX";
+    Check(mkdtemp(folder) != nullptr, "mkdtemp");
+    const std::string file = std::string(folder) + "/big.tarn";
+    Tarn::CreateCacheFile(std::wstring(file.begin(), file.end()).c_str());
+    const int fd = ::open(file.c_str(), O_RDWR);
+    const auto type = Tarn::TypeRecord::ForType(1, "tile").encode();
+    Check(pwrite(fd, type.data(), type.size(), Tarn::kTypeTableOffset) == 48, "pwrite");
+    const std::vector<uint32_t> locations = ExtentLocations();
+    std::mt19937_64 random(42);
+    for (size_t i = 0; i < locations.size(); ++i) {
+      Tarn::ExtentHeader header = Tarn::ExtentHeader::ForNewExtent(locations[i]);
+      if (i + 1 < locations.size()) header.nextExtent = locations[i + 1];
+      const auto bytes = header.encode();
+      Check(pwrite(fd, bytes.data(), bytes.size(), locations[i]) == 16, "pwrite");
+      const auto slots = SlotsOfExtent(i, random);
+      Check(pwrite(fd, slots.data(), slots.size(), header.entriesOffset) ==
+                static_cast<ssize_t>(slots.size()),
+            "pwrite");
+    }
+    close(fd);
+    return file;
+  }();
+  return path;
+}
+
+void OpenFile(benchmark::State& state) {
+  const std::string& file = BenchFile();
+  const std::wstring path(file.begin(), file.end());
+  Pt::Config platform;
+  platform.asyncFileIo = true;
+  Pt::PlatformInit(platform);
+  Pt::SmartPointer<Tarn::FactoryManager> factories(
+      new Tarn::FactoryManager(Pt::SmartPointer<Tarn::CacheableFactory>(new BenchFactory)));
+  Tarn::Config config{};
+  for (auto _ : state) {
+    Tarn::FileManager store(path.c_str(), nullptr, config, factories);
+    if (store.entryCount() != static_cast<int32_t>(kEntries)) state.SkipWithError("entries lost");
+  }
+  Pt::PlatformUninit();
+}
+
+// The floor: the same reads, and the same keys into a std::map.
+void BareLoop(benchmark::State& state) {
+  const std::string& file = BenchFile();
+  std::vector<uint8_t> slots(Tarn::kExtentSlotsSize);
+  for (auto _ : state) {
+    const int fd = ::open(file.c_str(), O_RDONLY);
+    std::map<Tarn::PrimaryKey, uint32_t> keys;
+    uint32_t location = Tarn::kFirstExtentOffset;
+    while (location != 0) {
+      uint8_t bytes[16];
+      Check(pread(fd, bytes, 16, location) == 16, "pread");
+      const auto header = Tarn::ExtentHeader::Decode(std::span<const uint8_t, 16>(bytes, 16));
+      Check(pread(fd, slots.data(), slots.size(), header.entriesOffset) ==
+                static_cast<ssize_t>(slots.size()),
+            "pread");
+      for (uint32_t slot = 0; slot < header.entryCount; ++slot) {
+        const uint8_t* record = slots.data() + slot * 64;
+        if (record[2] == 0) continue;
+        Tarn::PrimaryKey key{};
+        key.length = record[2];
+        std::memcpy(key.data, record + 4, key.length);
+        keys.emplace(key, header.entriesOffset + slot * 64);
+      }
+      location = header.nextExtent;
+    }
+    close(fd);
+    if (keys.size() != kEntries) state.SkipWithError("keys lost");
+  }
+}
+
+BENCHMARK(BareLoop)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
+BENCHMARK(OpenFile)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
+
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) times_[run.benchmark_name()] = run.GetAdjustedRealTime();
+  }
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    const double floor = times_["BareLoop/min_time:2.000/real_time"];
+    const double open = times_["OpenFile/min_time:2.000/real_time"];
+    if (floor > 0 && open > 0) {
+      std::printf("\nOpening 1,000,000 entries takes %.2fx the bare loop (%.0f ms vs %.0f ms)\n",
+                  open / floor, open, floor);
+    }
+  }
+
+ private:
+  std::map<std::string, double> times_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  const std::string& file = BenchFile();
+  unlink(file.c_str());
+  rmdir(file.substr(0, file.rfind('/')).c_str());
+  return 0;
+}

@@ -1,0 +1,158 @@
+// FileManager: the store of one cache file.
+//
+// It holds in memory everything the file says except the entries' data:
+// which entries live where, which types the file knows, the extents, the free
+// EntryHeader slots and the free data ranges. The open (the constructor)
+// verifies and loads the file; afterwards every read and write goes through
+// the platform's asynchronous device, and the tables change only under
+// `lock_`. Closing writes nothing: the file is consistent on its own, because
+// every write is ordered so that no record ever points at bytes not yet on
+// disk (data before header, extent before relink, delete header before reuse).
+//
+// One owner per file: the open takes an exclusive advisory lock on the file
+// before it reads anything and keeps it until the store is destroyed, so a
+// second store on the same file, in this process or another, fails instead of
+// corrupting it.
+//
+// Table invariants, whenever `lock_` is free (checkInvariants() asserts them
+// in debug builds):
+// - every key of `entries_` equals the primary key of its EntryInfo's header;
+// - an EntryHeader slot is queued in `freeEntryHeaders_`, or owned by an
+//   EntryInfo of `entries_` or `pendingErasures_`, or covered by a delete
+//   header write in flight; never two of these;
+// - the data range of every EntryInfo overlaps no free range, no other
+//   entry's range and no table of the file;
+// - every EntryInfo in `pendingErasures_` has writePending set;
+// - `types_` holds distinct names and the ids 1 to its size;
+// - `fileEnd_` never shrinks and stays below 2 GiB.
+//
+// Thread-safety: all public operations may be called from any thread; they
+// take `lock_` (re-entrant, innermost) themselves, except allocateData and
+// allocateEntryHeader, whose callers hold it. commit() and the destructor
+// must not run on an I/O completion thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "core/FactoryManager.h"
+#include "pt/Mutex.h"
+#include "pt/ThreadAnnotations.h"
+#include "pt/PtIoDeviceFile.h"
+#include "store/FileFormat.h"
+#include "store/FileLock.h"
+#include "store/FreeSpace.h"
+#include "store/SecondaryIndex.h"
+#include "tarn/Config.h"
+
+namespace Tarn {
+
+class CacheManager;
+
+class FileManager {
+ public:
+  struct TypeInfo {
+    uint32_t id = 0;
+    std::string name;
+  };
+  struct ExtentInfo {
+    ExtentHeader header;  // as read or written; nextExtent is not updated by a relink
+    uint32_t location = 0;
+  };
+  struct EntryInfo {
+    EntryHeader header;
+    uint32_t headerOffset = 0;
+    uint32_t serial = 0;
+    bool writePending = false;
+  };
+
+  // Opens the cache file at `path` (creating it first when it is missing and
+  // `config.createIfMissing` is set), verifies and loads it, gives every
+  // factory's type an id (writing the type table when types are new) and
+  // opens the asynchronous device. Throws Pt::ExSystem, ExUnsupportedFileVersion,
+  // ExFactoryClassNotFound or std::bad_alloc; on a throw nothing of the store
+  // survives and the file is unlocked.
+  FileManager(const wchar_t* path, CacheManager* owner, const Config& config,
+              const Pt::SmartPointer<FactoryManager>& factories);
+  // Waits for every outstanding file request of the process, flushes, frees.
+  ~FileManager();
+  FileManager(const FileManager&) = delete;
+  FileManager& operator=(const FileManager&) = delete;
+
+  // Waits for every outstanding file request of the process, then flushes.
+  void commit();
+
+  bool contains(const PrimaryKey& key);
+  int32_t entryCount();
+  // The id of a registered type; 0 when `name` is not registered.
+  uint32_t typeId(const std::string& name);
+  // The name of type `id`; empty when the file knows no such id.
+  const std::string& typeName(uint32_t id);
+  // Replaces `primaryKeys` with the keys stored under `secondaryKey`, sorted.
+  void findPrimaryKeys(const SecondaryKey& secondaryKey, std::vector<PrimaryKey>& primaryKeys);
+
+  // Space. The caller of the two allocations holds lock(). Both throw
+  // Pt::ExSystem(EFBIG) when growing the file would take it to 2 GiB, and
+  // then change nothing.
+  void allocateData(uint32_t length, uint32_t& offset, uint32_t& allocatedLength)
+      PT_REQUIRES(lock_);
+  uint32_t allocateEntryHeader() PT_REQUIRES(lock_);
+  // A deleted entry's slot and range become free; its slot is the next one
+  // handed out. Takes lock() itself.
+  void releaseEntry(uint32_t headerOffset, uint32_t dataOffset, uint32_t allocatedLength);
+
+  // The next serial of the process-wide counter.
+  static uint32_t NextSerial();
+
+  Pt::Mutex& lock() PT_RETURN_CAPABILITY(lock_) { return lock_; }
+  CacheManager* owner() const { return owner_; }
+  const Pt::SmartPointer<Pt::PtIoDeviceFile>& device() const { return device_; }
+  const Pt::SmartPointer<FactoryManager>& factories() const { return factories_; }
+  uint32_t minAllocation() const { return minAllocation_; }
+  // The append frontier; read without the lock (statistics).
+  int64_t fileEnd() const { return fileEnd_.load(std::memory_order_relaxed); }
+
+  // Read-only views for tests and diagnostics; the caller holds lock().
+  const FreeSpace& freeSpace() const PT_REQUIRES(lock_) { return freeSpace_; }
+  const std::deque<uint32_t>& freeEntryHeaders() const PT_REQUIRES(lock_) {
+    return freeEntryHeaders_;
+  }
+  const std::vector<ExtentInfo>& extents() const PT_REQUIRES(lock_) { return extents_; }
+  const std::vector<TypeInfo>& types() const PT_REQUIRES(lock_) { return types_; }
+  const std::map<PrimaryKey, EntryInfo>& entries() const PT_REQUIRES(lock_) { return entries_; }
+  // Asserts the table invariants (debug builds); takes lock() itself.
+  void checkInvariants();
+
+ private:
+  class Loader;
+
+  static void CheckTypeNames(const FactoryManager& factories);
+  void load(int fd);
+  void registerTypes(int fd, uint32_t typeTableOffset);
+  // Advances fileEnd_ by `bytes` and returns where they start; EFBIG when
+  // the file would reach 2 GiB.
+  uint32_t growFileBy(uint64_t bytes) PT_REQUIRES(lock_);
+  uint32_t appendExtent() PT_REQUIRES(lock_);
+
+  const uint32_t minAllocation_;
+  CacheManager* const owner_;
+  const Pt::SmartPointer<FactoryManager> factories_;
+  std::atomic<int64_t> fileEnd_{0};
+  FileLock fileLock_;
+  Pt::SmartPointer<Pt::PtIoDeviceFile> device_;
+
+  Pt::Mutex lock_;
+  FreeSpace freeSpace_ PT_GUARDED_BY(lock_);
+  std::deque<uint32_t> freeEntryHeaders_ PT_GUARDED_BY(lock_);
+  std::vector<TypeInfo> types_ PT_GUARDED_BY(lock_);
+  std::vector<ExtentInfo> extents_ PT_GUARDED_BY(lock_);
+  std::map<PrimaryKey, EntryInfo> entries_ PT_GUARDED_BY(lock_);
+  SecondaryIndex secondaryIndex_ PT_GUARDED_BY(lock_);
+  std::multimap<PrimaryKey, EntryInfo> pendingErasures_ PT_GUARDED_BY(lock_);
+};
+
+}  // namespace Tarn

@@ -1,0 +1,48 @@
+// What tarn-inspect reads from a cache file, and the reports it prints.
+//
+// The inspector opens the file read-only and takes no lock, so it can look
+// at the file of a running cache; it reads the file with the same loader,
+// and so the same checks, as an open does, and never writes.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "pt/Exception.h"
+#include "store/CacheFileLoader.h"
+#include "store/FileFormat.h"
+
+namespace TarnInspect {
+
+// The file could not be opened; what() says why.
+class CannotOpen : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct Inspection {
+  std::string path;
+  Tarn::CacheFileLoader::Summary summary;
+  std::vector<Tarn::TypeRecord> types;
+  std::vector<std::pair<uint32_t, Tarn::ExtentHeader>> extents;  // location, header
+  std::vector<std::pair<uint32_t, Tarn::EntryHeader>> entries;   // slot offset, header
+};
+
+// Loads the file at `path`; the live entries are kept only when
+// `withEntries` asks for them. Throws CannotOpen, or whatever the loader
+// throws for a file it rejects.
+Inspection Inspect(const std::string& path, bool withEntries);
+
+void PrintInfo(std::ostream& out, const Inspection& inspection, bool json);
+void PrintEntries(std::ostream& out, const Inspection& inspection, bool json);
+void PrintVerified(std::ostream& out, const Inspection& inspection, bool json);
+// Why the loader rejected the file at `path`: the message and where the
+// library raised it.
+void PrintRejected(std::ostream& out, const std::string& path, const Pt::Exception& error,
+                   bool json);
+
+}  // namespace TarnInspect
