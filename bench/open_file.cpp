@@ -13,10 +13,10 @@
 
 #include <benchmark/benchmark.h>
 
+#include "core/FactoryManager.h"
 #include "pt/Platform.h"
 #include "store/FileManager.h"
 #include "tarn/CacheFile.h"
-#include "core/FactoryManager.h"
 
 namespace {
 

@@ -162,6 +162,8 @@ void FileManager::findPrimaryKeys(const SecondaryKey& secondaryKey,
   secondaryIndex_.find(secondaryKey, primaryKeys);
 }
 
-uint32_t FileManager::NextSerial() { return serialCounter.fetch_add(1) + 1; }
+uint32_t FileManager::NextSerial() {
+  return serialCounter.fetch_add(1) + 1;
+}
 
 }  // namespace Tarn

@@ -41,8 +41,8 @@
 
 #include "core/FactoryManager.h"
 #include "pt/Mutex.h"
-#include "pt/ThreadAnnotations.h"
 #include "pt/PtIoDeviceFile.h"
+#include "pt/ThreadAnnotations.h"
 #include "store/FileFormat.h"
 #include "store/FileLock.h"
 #include "store/FreeSpace.h"

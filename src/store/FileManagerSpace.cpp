@@ -61,8 +61,8 @@ uint32_t FileManager::appendExtent() {
   relinked.nextExtent = location;
   const Pt::SmartPointer<FileWriteExtentReceiver> receiver(
       new FileWriteExtentReceiver(device_, previous.location, relinked.encode()));
-  const auto request =
-      Pt::IoRequest::Create(receiver.get(), static_cast<int>(kExtentBlockSize), Pt::IoRequest::Normal);
+  const auto request = Pt::IoRequest::Create(receiver.get(), static_cast<int>(kExtentBlockSize),
+                                             Pt::IoRequest::Normal);
   std::memset(request->data(), 0, kExtentBlockSize);
   header.encodeTo(std::span<uint8_t, kExtentHeaderSize>(request->data(), kExtentHeaderSize));
   request->setOffset(location);

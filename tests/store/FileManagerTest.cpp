@@ -62,8 +62,8 @@ class FileManagerTest : public testing::Test {
     for (size_t i = 0; i < headers.size(); ++i) {
       const auto bytes = headers[i].encode();
       std::copy(bytes.begin(), bytes.end(), image.begin() + Tarn::kFirstEntriesOffset + 64 * i);
-      image.resize(std::max<size_t>(image.size(),
-                                    headers[i].dataOffset + headers[i].allocatedLength));
+      image.resize(
+          std::max<size_t>(image.size(), headers[i].dataOffset + headers[i].allocatedLength));
     }
     ASSERT_TRUE(TarnTest::WriteFileBytes(path_, image));
   }
