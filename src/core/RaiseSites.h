@@ -19,6 +19,8 @@ struct RaiseSite {
 };
 
 inline constexpr int kSystemError = -1;
+// The site raises a plain Pt::Exception with a message of its own (below).
+inline constexpr int kOwnMessage = -2;
 
 // Source paths reported in ExWhere.
 inline constexpr const char* kSrcFactoryManager = "shared/tarn/cache/TarnFactoryManager";
@@ -91,6 +93,14 @@ inline constexpr RaiseSite kGrowFileTooLarge{kSystemError, {kSrcFileManager, 120
 
 // Cache manager: an object's verify() was false on insert.
 inline constexpr RaiseSite kInsertNotVerified{kMsgCachableNotVerified, {kSrcManager, 467}};
+// Cache manager: all 65,536 slots hold requests in progress; nothing can be
+// evicted to make room for another key.
+inline constexpr RaiseSite kSlotTableFull{kOwnMessage, {kSrcManager, 212}};
+inline constexpr const wchar_t* kSlotTableFullMessage =
+    L"Cache slot table is full: 65536 keys are in memory or in progress, none can be evicted!";
+// Cache manager: an object whose type no factory serves cannot be stored,
+// since the file could not name its type.
+inline constexpr RaiseSite kInsertUnknownType{kMsgFactoryClassNotFound, {kSrcManager, 441}};
 
 // All of the above, for checks over the whole table.
 inline constexpr RaiseSite kAllRaiseSites[] = {
@@ -124,6 +134,8 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kReadEntryFailed,
     kReadEntryRebuild,
     kInsertNotVerified,
+    kSlotTableFull,
+    kInsertUnknownType,
 };
 
 }  // namespace Tarn

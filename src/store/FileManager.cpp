@@ -136,6 +136,10 @@ int32_t FileManager::entryCount() {
 
 uint32_t FileManager::typeId(const std::string& name) {
   Pt::MutexLock guard(lock_);
+  return typeIdLocked(name);
+}
+
+uint32_t FileManager::typeIdLocked(const std::string& name) const {
   for (const TypeInfo& type : types_) {
     if (type.name == name) return type.id;
   }

@@ -95,6 +95,20 @@ class FileManager {
   // Replaces `primaryKeys` with the keys stored under `secondaryKey`, sorted.
   void findPrimaryKeys(const SecondaryKey& secondaryKey, std::vector<PrimaryKey>& primaryKeys);
 
+  // Entries. write enters the entry in the tables (visible at once) and
+  // queues its data; the header follows once the data is on disk. It throws
+  // std::invalid_argument for a key already stored or a bad key length,
+  // ExFactoryClassNotFound for a type the file does not know, Pt::ExSystem
+  // when space or the request cannot be had. Before the queueing nothing is
+  // reserved on a throw; a refused queueing leaves the entry reserved.
+  void write(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
+             const std::string& type, int32_t length, const uint8_t* data);
+  // Settles write `serial` of `primaryKey` (called by its receivers).
+  void finishEntryWrite(const PrimaryKey& primaryKey, uint32_t serial);
+  // Takes the entry out of the tables; its delete header is queued now, or
+  // when its own write is settled. False when the store does not hold it.
+  bool erase(const PrimaryKey& primaryKey);
+
   // Space. The caller of the two allocations holds lock(). Both throw
   // Pt::ExSystem(EFBIG) when growing the file would take it to 2 GiB, and
   // then change nothing.
@@ -124,6 +138,9 @@ class FileManager {
   const std::vector<ExtentInfo>& extents() const PT_REQUIRES(lock_) { return extents_; }
   const std::vector<TypeInfo>& types() const PT_REQUIRES(lock_) { return types_; }
   const std::map<PrimaryKey, EntryInfo>& entries() const PT_REQUIRES(lock_) { return entries_; }
+  const std::multimap<PrimaryKey, EntryInfo>& pendingErasures() const PT_REQUIRES(lock_) {
+    return pendingErasures_;
+  }
   // Asserts the table invariants (debug builds); takes lock() itself.
   void checkInvariants();
 
@@ -131,6 +148,11 @@ class FileManager {
   class Loader;
 
   static void CheckTypeNames(const FactoryManager& factories);
+  EntryInfo reserveEntry(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
+                         const std::string& type, uint32_t length) PT_REQUIRES(lock_);
+  uint32_t typeIdLocked(const std::string& name) const PT_REQUIRES(lock_);
+  void writeDeleteHeader(uint32_t headerOffset, uint32_t dataOffset, uint32_t allocatedLength)
+      PT_REQUIRES(lock_);
   void load(int fd);
   void registerTypes(int fd, uint32_t typeTableOffset);
   // Advances fileEnd_ by `bytes` and returns where they start; EFBIG when
