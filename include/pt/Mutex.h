@@ -41,4 +41,29 @@ class PT_SCOPED_CAPABILITY MutexLock {
   Mutex& mutex_;
 };
 
+// A guard that may release its mutex early and take it again, for code that
+// hands over from one lock to another.
+class PT_SCOPED_CAPABILITY UniqueLock {
+ public:
+  explicit UniqueLock(Mutex& mutex) PT_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~UniqueLock() PT_RELEASE() {
+    if (owns_) mutex_.unlock();
+  }
+  UniqueLock(const UniqueLock&) = delete;
+  UniqueLock& operator=(const UniqueLock&) = delete;
+
+  void unlock() PT_RELEASE() {
+    mutex_.unlock();
+    owns_ = false;
+  }
+  void lock() PT_ACQUIRE() {
+    mutex_.lock();
+    owns_ = true;
+  }
+
+ private:
+  Mutex& mutex_;
+  bool owns_ = true;
+};
+
 }  // namespace Pt

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tarn/Buffer.h"
+#include "tarn/Cache.h"
 #include "tarn/CacheFile.h"
 #include "tarn/CacheKey.h"
 #include "tarn/Cacheable.h"

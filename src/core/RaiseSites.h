@@ -101,6 +101,14 @@ inline constexpr const wchar_t* kSlotTableFullMessage =
 // Cache manager: an object whose type no factory serves cannot be stored,
 // since the file could not name its type.
 inline constexpr RaiseSite kInsertUnknownType{kMsgFactoryClassNotFound, {kSrcManager, 441}};
+// A generate request whose factory's create() returned no object.
+inline constexpr RaiseSite kGenerateNoObject{kOwnMessage, {kSrcManager, 1190}};
+inline constexpr const wchar_t* kGenerateNoObjectMessage =
+    L"The factory's create() returned no object!";
+// An entry read whose factory's decode() returned no object.
+inline constexpr RaiseSite kDecodeNoObject{kOwnMessage, {kSrcReadEntryReceiver, 78}};
+inline constexpr const wchar_t* kDecodeNoObjectMessage =
+    L"The factory's decode() returned no object!";
 
 // All of the above, for checks over the whole table.
 inline constexpr RaiseSite kAllRaiseSites[] = {
@@ -136,6 +144,8 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kInsertNotVerified,
     kSlotTableFull,
     kInsertUnknownType,
+    kGenerateNoObject,
+    kDecodeNoObject,
 };
 
 }  // namespace Tarn

@@ -43,7 +43,13 @@
 
 namespace Tarn {
 
-enum class SlotState : int32_t { Free = 0, Allocated = 1, InMemory = 2, Reading = 3, Generating = 4 };
+enum class SlotState : int32_t {
+  Free = 0,
+  Allocated = 1,
+  InMemory = 2,
+  Reading = 3,
+  Generating = 4
+};
 
 struct PendingReceiver {
   int32_t requestId = 0;
@@ -116,6 +122,7 @@ class SlotTable {
   void checkInvariants() const;
 
  private:
+  void appendBlankSlot();
   bool overBound() const;
   void evictLeastRecentlyUsed();
 

@@ -147,8 +147,12 @@ uint32_t FileManager::typeIdLocked(const std::string& name) const {
 }
 
 const std::string& FileManager::typeName(uint32_t id) {
-  static const std::string kNone;
   Pt::MutexLock guard(lock_);
+  return typeNameLocked(id);
+}
+
+const std::string& FileManager::typeNameLocked(uint32_t id) const {
+  static const std::string kNone;
   for (const TypeInfo& type : types_) {
     if (type.id == id) return type.name;
   }

@@ -105,6 +105,11 @@ class FileManager {
              const std::string& type, int32_t length, const uint8_t* data);
   // Settles write `serial` of `primaryKey` (called by its receivers).
   void finishEntryWrite(const PrimaryKey& primaryKey, uint32_t serial);
+  // Queues the read of the entry's data for request `requestId`; its
+  // completion hands the rebuilt object to the owner's insert, or fails the
+  // request. Throws ExFactoryClassNotFound when no factory serves the
+  // entry's type, Pt::ExSystem when the read cannot be queued.
+  void read(const PrimaryKey& primaryKey, int32_t requestId);
   // Takes the entry out of the tables; its delete header is queued now, or
   // when its own write is settled. False when the store does not hold it.
   bool erase(const PrimaryKey& primaryKey);
@@ -151,6 +156,7 @@ class FileManager {
   EntryInfo reserveEntry(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
                          const std::string& type, uint32_t length) PT_REQUIRES(lock_);
   uint32_t typeIdLocked(const std::string& name) const PT_REQUIRES(lock_);
+  const std::string& typeNameLocked(uint32_t id) const PT_REQUIRES(lock_);
   void writeDeleteHeader(uint32_t headerOffset, uint32_t dataOffset, uint32_t allocatedLength)
       PT_REQUIRES(lock_);
   void load(int fd);

@@ -8,6 +8,7 @@
 #include "core/RaiseSites.h"
 #include "store/FileDeleteEntryReceiver.h"
 #include "store/FileManager.h"
+#include "store/FileReadEntryReceiver.h"
 #include "store/FileWriteEntryReceiver.h"
 #include "tarn/Exceptions.h"
 
@@ -96,6 +97,25 @@ bool FileManager::erase(const PrimaryKey& primaryKey) {
   secondaryIndex_.remove(info.header.secondaryKeyValue(), primaryKey);
   entries_.erase(entry);
   return true;
+}
+
+void FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
+  EntryHeader header;
+  std::string type;
+  {
+    Pt::MutexLock guard(lock_);
+    const auto entry = entries_.find(primaryKey);
+    if (entry == entries_.end()) throw std::invalid_argument("FileManager::read: no such entry");
+    header = entry->second.header;
+    type = typeNameLocked(header.typeId);
+  }
+  // A stored type without a factory cannot be rebuilt: the lookup throws.
+  const Pt::SmartPointer<CacheableFactory>& factory = factories_->lookup(type);
+  const auto request = Pt::IoRequest::Create(
+      new FileReadEntryReceiver(owner_, factory, primaryKey, header.secondaryKeyValue(), requestId),
+      static_cast<int>(header.dataLength), Pt::IoRequest::Normal);
+  request->setOffset(header.dataOffset);
+  device_->read(request);
 }
 
 void FileManager::writeDeleteHeader(uint32_t headerOffset, uint32_t dataOffset,

@@ -34,15 +34,22 @@ class WorkManager : public Pt::Thread {
 
   // Registers one more user; the first starts the threads with the worker
   // count and priority of `config`. A start that arrives while a stop is
-  // joining the threads waits for it. Throws Pt::ExSystem when no thread can
-  // be started (the registration is then undone).
+  // joining the threads waits for it (except on a worker thread, which that
+  // join may be waiting for). Throws Pt::ExSystem when a thread cannot be
+  // started; the threads already started are joined and the registration is
+  // undone.
   static void start(const Config& config);
   // Drops `ownerId`'s queued requests and unregisters one user; the last
   // user stops and joins the threads. Returns only when no request of
-  // `ownerId` is running on a worker, unless called from that very worker.
+  // `ownerId` is running on a worker, unless called from that very worker
+  // (then it waits for the others only). A last stop on a worker cannot join
+  // that worker: it leaves the set, finishes its request, and the next last
+  // stop on another thread joins it.
   static void stop(int32_t ownerId);
   // Appends `request` to the queue of `priority` (0, 1 or 2; anything else
   // throws std::out_of_range before changing anything) and wakes one worker.
+  // A null request, or one whose {owner id, request id} is already queued,
+  // throws std::invalid_argument.
   static void queue(const Pt::SmartPointer<WorkRequest>& request, int32_t priority);
   // Takes a queued request out of the queues; null when it is not queued
   // (never queued, already taken by a worker, or removed before).
@@ -51,9 +58,11 @@ class WorkManager : public Pt::Thread {
   // happens when it is not queued or already has that priority.
   static void reprioritize(int32_t ownerId, int32_t requestId, int32_t priority);
 
-  // Worker threads running now (0 when idle), and registered users.
+  // Worker threads of the running set (0 when idle), and registered users.
   static int threadCount();
   static int users();
+  // Requests waiting in the queues, over every owner.
+  static size_t queuedCount();
 
  private:
   WorkManager() : Pt::Thread(false) {}

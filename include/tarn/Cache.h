@@ -1,0 +1,96 @@
+// Cache: a persistent object cache on one cache file.
+//
+// Objects (Cacheable) are kept under a primary key of up to 32 bytes and a
+// secondary key of up to 16 bytes, in a bounded memory index in front of the
+// file. Everything inserted is written to the file asynchronously, in an order
+// that keeps the file consistent without a journal; commit() waits until it
+// is on disk. Lookups are asynchronous: find and findCreate return a request
+// id at once and deliver the outcome later, exactly once, to a
+// CacheableReceiver (see CacheableReceiver.h for when and on which thread).
+//
+// Ownership: the cache takes its own reference on every object, receiver and
+// factory handed to it; a raw pointer passed in with no reference of its own
+// is destroyed when the cache lets go of it. The cache owns its file: no other
+// Cache, in this or another process, may open the same file meanwhile.
+//
+// Thread-safety: every operation may be called from any thread, also from
+// inside a receiver's callbacks, except commit() and the destructor (both
+// wait for the file's outstanding requests) and none may overlap the
+// constructor or the destructor. The destructor must not run on a worker
+// thread, in a factory's create(), or in a receiver callback.
+//
+// Errors: the constructors throw Tarn::ExUnsupportedFileVersion (a file the
+// library cannot trust), Tarn::ExFactoryClassNotFound (the file knows a type
+// no factory serves, or two factories serve one type), or Pt::ExSystem (the
+// file cannot be opened, created or locked). Keys with a length outside
+// 0..capacity and null receivers are refused with std::invalid_argument.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "pt/SmartPointer.h"
+#include "tarn/CacheKey.h"
+#include "tarn/Cacheable.h"
+#include "tarn/CacheableFactory.h"
+#include "tarn/CacheableReceiver.h"
+#include "tarn/Config.h"
+#include "tarn/Export.h"
+#include "tarn/Statistics.h"
+
+namespace Tarn {
+
+class CacheManager;
+
+class TARN_EXPORT Cache {
+ public:
+  // Opens (or, with config.createIfMissing, creates) the cache file at `path`
+  // with one factory per type of object the cache may hold.
+  Cache(const wchar_t* path, const Config& config,
+        const std::vector<Pt::SmartPointer<CacheableFactory>>& factories);
+  Cache(const wchar_t* path, const Config& config, CacheableFactory* const factory);
+  // Ends every waiting request (receivers hear cancelled), waits for the
+  // file's outstanding writes, and closes the file.
+  ~Cache();
+  Cache(const Cache&) = delete;
+  Cache& operator=(const Cache&) = delete;
+
+  // Holds `cacheable` in memory and writes it to the file unless the file
+  // holds the key already; receivers waiting for the key get it. An object
+  // that fails verify() is not kept (nobody is told but waiting receivers).
+  // Throws ExFactoryClassNotFound when no factory serves its type.
+  void insert(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
+              Cacheable* cacheable);
+  // Looks the key up in memory, among requests in progress, then in the file.
+  // Returns the request id, or 0 when the key is nowhere (then `receiver` is
+  // never called).
+  int find(const CacheKey<32>& primaryKey, CacheableReceiver* const receiver);
+  // As find, and when the key is nowhere, has the factory of `type` create it
+  // on a worker thread. Never returns 0. Throws ExFactoryClassNotFound when
+  // the key is nowhere and no factory serves `type`; then `receiver` is not
+  // called.
+  int findCreate(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
+                 const std::string& type, CacheableReceiver* const receiver);
+  // The primary keys the file holds under `secondaryKey`, sorted.
+  void findPrimaryKeys(const CacheKey<16>& secondaryKey, std::vector<CacheKey<32>>& primaryKeys);
+
+  // Removes the key from memory and from the file; waiting receivers hear
+  // cancelled.
+  void erase(const CacheKey<32>& primaryKey);
+  // Removes the key from memory only; waiting receivers hear cancelled.
+  void purge(const CacheKey<32>& primaryKey);
+  // The receivers of `requestId` hear cancelled; the read or generation goes
+  // on and its result is cached.
+  void cancel(int requestId);
+  void cancelAll();
+  // Whether the key is in memory, in progress, or in the file.
+  bool isCached(const CacheKey<32>& primaryKey);
+  // Waits until every file request issued so far is done, then flushes.
+  void commit();
+  Statistics& statistics(Statistics& statistics);
+
+ private:
+  CacheManager* manager_;
+};
+
+}  // namespace Tarn

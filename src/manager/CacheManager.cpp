@@ -1,0 +1,228 @@
+#include "manager/CacheManager.h"
+
+#include <stdexcept>
+
+#include "core/RaiseSites.h"
+#include "pt/Platform.h"
+#include "tarn/Exceptions.h"
+#include "work/WorkManager.h"
+
+namespace Tarn {
+namespace {
+
+std::atomic<int32_t> instanceCounter{0};
+
+}  // namespace
+
+CacheManager::PlatformUser::PlatformUser() {
+  Pt::Config config;
+  config.asyncFileIo = true;
+  Pt::PlatformInit(config);
+}
+
+CacheManager::PlatformUser::~PlatformUser() {
+  Pt::PlatformUninit();
+}
+
+CacheManager::CacheManager(const wchar_t* path, const Config& config,
+                           const Pt::SmartPointer<FactoryManager>& factories)
+    : id_(instanceCounter.fetch_add(1) + 1),
+      factories_(factories),
+      slots_(config.memoryTarget, config.memorySlack) {
+  WorkManager::start(config);
+  try {
+    fileManager_ = std::make_unique<FileManager>(path, this, config, factories_);
+  } catch (...) {
+    WorkManager::stop(id_);
+    throw;
+  }
+}
+
+// Queued work goes first, so that no generation starts on a dying manager;
+// then every waiting receiver hears cancelled; then the file store waits for
+// the file's outstanding requests and closes it.
+CacheManager::~CacheManager() {
+  WorkManager::stop(id_);
+  purgeAll();
+  Pt::MutexLock file(fileLock_);
+  fileManager_.reset();
+}
+
+int32_t CacheManager::allocateSlot(const PrimaryKey& key) {
+  int evicted = 0;
+  const int32_t requestId = slots_.allocate(key, evicted);
+  purged_ += evicted;
+  return requestId;
+}
+
+void CacheManager::releaseSlot(const PrimaryKey& key, PendingList& out) {
+  const SlotTable::Released released = slots_.release(key, out);
+  // A generation that has not started is withdrawn; one that runs finds its
+  // request id stale when it inserts.
+  if (released.found && released.state == SlotState::Generating) {
+    WorkManager::remove(id_, released.requestId);
+  }
+}
+
+void CacheManager::insert(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
+                          const Pt::SmartPointer<Cacheable>& cacheable, int32_t requestId) {
+  if (!cacheable) throw std::invalid_argument("Cache::insert: no object");
+  factories_->lookup(cacheable->getType());  // the file could not name an unknown type
+  PendingList collected;
+  Pt::UniqueLock index(indexLock_);
+  CacheSlot* slot = slots_.find(primaryKey);
+  if (slot != nullptr) {
+    const bool pending = slot->state == SlotState::Reading || slot->state == SlotState::Generating;
+    if (!pending || (requestId != 0 && requestId != slot->requestId())) return;
+  } else {
+    if (requestId != 0) return;  // the request ended meanwhile
+    allocateSlot(primaryKey);
+    slot = slots_.find(primaryKey);
+  }
+  if (!cacheable->verify()) return failInsert(primaryKey, collected, index);
+  collected.swap(slot->waiting);
+  slots_.store(*slot, cacheable);
+  ++inserted_;
+  purged_ += slots_.trim();
+
+  Pt::UniqueLock file(fileLock_);
+  const bool stored = fileManager_->contains(primaryKey);
+  index.unlock();
+  if (!stored) {
+    const Pt::SmartPointer<Buffer> data = cacheable->encode(false);
+    if (!data) {
+      file.unlock();
+      index.lock();
+      return failInsert(primaryKey, collected, index);
+    }
+    try {
+      fileManager_->write(primaryKey, secondaryKey, cacheable->getType(), data->length(),
+                          data->bytes());
+    } catch (const Pt::ExSystem& error) {
+      file.unlock();
+      DeliverFailed(collected, error);
+      return;
+    }
+  }
+  file.unlock();
+  DeliverFound(collected, cacheable);
+}
+
+// An object that cannot be stored leaves memory again; whoever waited for
+// it is told why.
+void CacheManager::failInsert(const PrimaryKey& key, PendingList& collected,
+                              Pt::UniqueLock& index) {
+  releaseSlot(key, collected);
+  index.unlock();
+  DeliverFailed(collected, ExCachableNotVerified(kInsertNotVerified.where));
+}
+
+void CacheManager::erase(const PrimaryKey& primaryKey) {
+  PendingList collected;
+  Pt::UniqueLock index(indexLock_);
+  releaseSlot(primaryKey, collected);
+  Pt::UniqueLock file(fileLock_);
+  index.unlock();
+  try {
+    if (fileManager_->erase(primaryKey)) ++erased_;
+  } catch (const Pt::ExSystem& error) {
+    file.unlock();
+    DeliverFailed(collected, error);
+    return;
+  }
+  file.unlock();
+  DeliverCancelled(collected);
+}
+
+void CacheManager::purge(const PrimaryKey& primaryKey) {
+  PendingList collected;
+  {
+    Pt::MutexLock index(indexLock_);
+    releaseSlot(primaryKey, collected);
+    ++purged_;
+  }
+  DeliverCancelled(collected);
+}
+
+void CacheManager::cancel(int32_t requestId) {
+  PendingList collected;
+  {
+    Pt::MutexLock index(indexLock_);
+    CacheSlot* slot = slots_.slotAt(requestId);
+    if (slot == nullptr) return;
+    // The generation goes on, behind all other work; its result is cached.
+    if (slot->state == SlotState::Generating) {
+      WorkManager::reprioritize(id_, requestId, WorkManager::kLowPriority);
+    }
+    if (!slot->waiting.empty() && slot->waiting.front().requestId == requestId) {
+      collected.swap(slot->waiting);
+    }
+  }
+  DeliverCancelled(collected);
+}
+
+void CacheManager::cancelAll() {
+  PendingList collected;
+  {
+    Pt::MutexLock index(indexLock_);
+    slots_.forEachIndexed([&](CacheSlot& slot) {
+      for (PendingReceiver& pending : slot.waiting) collected.push_back(std::move(pending));
+      slot.waiting.clear();
+    });
+  }
+  DeliverCancelled(collected);
+}
+
+void CacheManager::failPending(const PrimaryKey& primaryKey, const Pt::Exception& error) {
+  PendingList collected;
+  {
+    Pt::MutexLock index(indexLock_);
+    releaseSlot(primaryKey, collected);
+  }
+  DeliverFailed(collected, error);
+}
+
+void CacheManager::purgeAll() {
+  PendingList collected;
+  {
+    Pt::MutexLock index(indexLock_);
+    PrimaryKey key{};
+    while (slots_.firstKey(key)) {
+      releaseSlot(key, collected);
+      ++purged_;
+    }
+  }
+  DeliverCancelled(collected);
+}
+
+bool CacheManager::isCached(const PrimaryKey& primaryKey) {
+  {
+    Pt::MutexLock index(indexLock_);
+    if (slots_.find(primaryKey) != nullptr) return true;
+  }
+  return fileManager_->contains(primaryKey);
+}
+
+Statistics& CacheManager::statistics(Statistics& statistics) {
+  Pt::MutexLock index(indexLock_);
+  statistics.entriesInMemory = static_cast<int32_t>(slots_.inMemoryCount());
+  statistics.inserted = inserted_;
+  statistics.purged = purged_;
+  statistics.erased = erased_;
+  statistics.memoryHits = memoryHits_;
+  statistics.reserved5 = 0;
+  statistics.fileReads = fileReads_;
+  statistics.generated = generated_;
+  statistics.memoryInUse = slots_.memoryInUse();
+  statistics.reserved9 = 0;
+  statistics.fileSize = static_cast<int32_t>(fileManager_->fileEnd());
+  statistics.fileEntries = fileManager_->entryCount();
+  return statistics;
+}
+
+void CacheManager::checkInvariants() {
+  Pt::MutexLock index(indexLock_);
+  slots_.checkInvariants();
+}
+
+}  // namespace Tarn

@@ -1,0 +1,111 @@
+// CacheManager: the spine of one Cache.
+//
+// It owns the in-memory index (SlotTable), the file store (FileManager) and a
+// reference to the factories, and is one user of the process-wide work
+// manager. Every operation that ends requests collects their receivers under
+// the index lock and calls them after releasing every lock.
+//
+// Locks, outer first: `indexLock_`, then `fileLock_` (taken while the index
+// lock is still held, after which the index lock is released: a thread that
+// holds the file lock never waits for the index lock), then the file store's
+// own lock or the work manager's. Client code that runs under a manager lock:
+// verify, size and encode of the object being inserted, size and the
+// destructor of an object leaving memory, and factories' getType.
+//
+// Thread-safety: every public operation may be called from any thread, and
+// from inside receivers' callbacks.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/FactoryManager.h"
+#include "manager/SlotTable.h"
+#include "pt/Mutex.h"
+#include "store/FileManager.h"
+#include "tarn/Config.h"
+#include "tarn/Statistics.h"
+
+namespace Tarn {
+
+class CacheManager {
+ public:
+  // Opens the cache file; on a throw nothing of the manager remains and the
+  // process is as before (work manager and platform registrations undone).
+  CacheManager(const wchar_t* path, const Config& config,
+               const Pt::SmartPointer<FactoryManager>& factories);
+  ~CacheManager();
+  CacheManager(const CacheManager&) = delete;
+  CacheManager& operator=(const CacheManager&) = delete;
+
+  // `requestId` 0 inserts for the application; a read or generation passes
+  // the id of the request it completes, and its object is taken only while
+  // that request is still the key's current one.
+  void insert(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
+              const Pt::SmartPointer<Cacheable>& cacheable, int32_t requestId);
+  int32_t find(const PrimaryKey& primaryKey, const Pt::SmartPointer<CacheableReceiver>& receiver);
+  int32_t findCreate(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
+                     const std::string& type, const Pt::SmartPointer<CacheableReceiver>& receiver);
+  void erase(const PrimaryKey& primaryKey);
+  void purge(const PrimaryKey& primaryKey);
+  void cancel(int32_t requestId);
+  void cancelAll();
+  // Ends the key's pending request, whichever it is, with `error`.
+  void failPending(const PrimaryKey& primaryKey, const Pt::Exception& error);
+  bool isCached(const PrimaryKey& primaryKey);
+  Statistics& statistics(Statistics& statistics);
+
+  FileManager& fileManager() { return *fileManager_; }
+  int32_t id() const { return id_; }
+  // Asserts the index invariants (debug builds).
+  void checkInvariants();
+
+ private:
+  int32_t findInMemory(const PrimaryKey& key, const Pt::SmartPointer<CacheableReceiver>& receiver,
+                       Pt::UniqueLock& index);
+  int32_t findInFile(const PrimaryKey& key, const Pt::SmartPointer<CacheableReceiver>& receiver,
+                     Pt::UniqueLock& index, Pt::UniqueLock& file);
+  int32_t startGeneration(const PrimaryKey& key, const SecondaryKey& secondaryKey,
+                          const Pt::SmartPointer<CacheableFactory>& factory,
+                          const Pt::SmartPointer<CacheableReceiver>& receiver);
+  int32_t allocateSlot(const PrimaryKey& key);
+  void releaseSlot(const PrimaryKey& key, PendingList& out);
+  void failInsert(const PrimaryKey& key, PendingList& collected, Pt::UniqueLock& index);
+  void purgeAll();
+
+  // Holds one registration with the platform for the manager's life, so
+  // that every way out of the constructor gives it back.
+  struct PlatformUser {
+    PlatformUser();
+    ~PlatformUser();
+  };
+
+  PlatformUser platform_;
+  const int32_t id_;
+  const Pt::SmartPointer<FactoryManager> factories_;
+  Pt::Mutex indexLock_;
+  Pt::Mutex fileLock_;
+  SlotTable slots_;  // guarded by indexLock_
+  std::unique_ptr<FileManager> fileManager_;
+
+  // Counters of the statistics; atomic so that a count made after a lock
+  // was released is never lost.
+  std::atomic<int32_t> inserted_{0};
+  std::atomic<int32_t> purged_{0};
+  std::atomic<int32_t> erased_{0};
+  std::atomic<int32_t> memoryHits_{0};
+  std::atomic<int32_t> fileReads_{0};
+  std::atomic<int32_t> generated_{0};
+};
+
+// Calls each receiver of `receivers` once, with its own request id and key.
+// A receiver that throws does not keep the others from being told: its
+// exception is posted.
+void DeliverFound(const PendingList& receivers, const Pt::SmartPointer<Cacheable>& cacheable);
+void DeliverCancelled(const PendingList& receivers);
+void DeliverFailed(const PendingList& receivers, const Pt::Exception& error);
+
+}  // namespace Tarn

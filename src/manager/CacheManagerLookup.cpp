@@ -1,0 +1,99 @@
+// Lookups: from memory, by joining a request in progress, from the file, or
+// by generation. Requests for one key merge: while a read or a generation is
+// in progress, every further lookup waits on the same slot and shares its id.
+#include "manager/CacheManager.h"
+#include "manager/WorkRequestGenerate.h"
+#include "work/WorkManager.h"
+
+namespace Tarn {
+
+int32_t CacheManager::find(const PrimaryKey& primaryKey,
+                           const Pt::SmartPointer<CacheableReceiver>& receiver) {
+  Pt::UniqueLock index(indexLock_);
+  if (const int32_t requestId = findInMemory(primaryKey, receiver, index)) return requestId;
+  Pt::UniqueLock file(fileLock_);
+  return findInFile(primaryKey, receiver, index, file);
+}
+
+int32_t CacheManager::findCreate(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
+                                 const std::string& type,
+                                 const Pt::SmartPointer<CacheableReceiver>& receiver) {
+  Pt::UniqueLock index(indexLock_);
+  if (const int32_t requestId = findInMemory(primaryKey, receiver, index)) return requestId;
+  Pt::UniqueLock file(fileLock_);
+  if (const int32_t requestId = findInFile(primaryKey, receiver, index, file)) return requestId;
+  // The factory is found before any slot is taken: an unknown type reaches
+  // the caller as an exception and leaves nothing behind to wait on.
+  const Pt::SmartPointer<CacheableFactory>& factory = factories_->lookup(type);
+  return startGeneration(primaryKey, secondaryKey, factory, receiver);
+}
+
+// With the index lock held. Returns 0 (lock still held) when the key has no
+// slot; otherwise serves or joins it and releases the lock.
+int32_t CacheManager::findInMemory(const PrimaryKey& key,
+                                   const Pt::SmartPointer<CacheableReceiver>& receiver,
+                                   Pt::UniqueLock& index) {
+  CacheSlot* slot = slots_.find(key);
+  if (slot == nullptr) return 0;
+  ++memoryHits_;
+  const int32_t requestId = slot->requestId();
+  if (slot->cacheable) {
+    slots_.touch(*slot);
+    const Pt::SmartPointer<Cacheable> cacheable = slot->cacheable;
+    index.unlock();
+    DeliverFound(PendingList{{requestId, key, receiver}}, cacheable);
+    return requestId;
+  }
+  slot->waiting.push_back({requestId, key, receiver});
+  // Somebody waits now: the generation goes before ordinary work.
+  if (slot->state == SlotState::Generating) {
+    WorkManager::reprioritize(id_, requestId, WorkManager::kHighPriority);
+  }
+  index.unlock();
+  return requestId;
+}
+
+// With both locks held and the key not indexed. Returns 0 (locks still held)
+// when the file does not hold the key; otherwise starts its read, releasing
+// both locks. Racing lookups start one read: the second finds the slot.
+int32_t CacheManager::findInFile(const PrimaryKey& key,
+                                 const Pt::SmartPointer<CacheableReceiver>& receiver,
+                                 Pt::UniqueLock& index, Pt::UniqueLock& file) {
+  if (!fileManager_->contains(key)) return 0;
+  const int32_t requestId = allocateSlot(key);
+  CacheSlot* slot = slots_.find(key);
+  slot->waiting.push_back({requestId, key, receiver});
+  slot->state = SlotState::Reading;
+  index.unlock();
+  try {
+    fileManager_->read(key, requestId);
+  } catch (const Pt::Exception& error) {
+    file.unlock();
+    PendingList collected;
+    index.lock();
+    releaseSlot(key, collected);
+    index.unlock();
+    DeliverFailed(collected, error);
+    return requestId;
+  }
+  file.unlock();
+  ++fileReads_;
+  return requestId;
+}
+
+// With both locks held; releases them.
+int32_t CacheManager::startGeneration(const PrimaryKey& key, const SecondaryKey& secondaryKey,
+                                      const Pt::SmartPointer<CacheableFactory>& factory,
+                                      const Pt::SmartPointer<CacheableReceiver>& receiver) {
+  const int32_t requestId = allocateSlot(key);
+  CacheSlot* slot = slots_.find(key);
+  slot->waiting.push_back({requestId, key, receiver});
+  slot->state = SlotState::Generating;
+  ++generated_;
+  WorkManager::queue(Pt::SmartPointer<WorkRequest>(
+                         new WorkRequestGenerate(this, factory, key, secondaryKey, id_, requestId)),
+                     WorkManager::kNormalPriority);
+  return requestId;
+}
+
+}  // namespace Tarn

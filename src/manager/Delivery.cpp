@@ -1,0 +1,48 @@
+// Calling receivers. Always with no manager lock held; one receiver's throw
+// does not keep the others from being told.
+#include <cstring>
+#include <string>
+
+#include "manager/CacheManager.h"
+
+namespace Tarn {
+namespace {
+
+constexpr Pt::ExWhere kReceiverThrew{"shared/tarn/cache/TarnManager", 0};
+
+template <class Call>
+void CallEach(const PendingList& receivers, Call call) {
+  for (const PendingReceiver& pending : receivers) {
+    try {
+      call(pending);
+    } catch (const Pt::Exception& escaped) {
+      Pt::Exception::Post(escaped);
+    } catch (const std::exception& escaped) {
+      const std::string what = escaped.what();
+      const std::wstring text = L"A receiver threw: " + std::wstring(what.begin(), what.end());
+      Pt::Exception::Post(Pt::Exception(Pt::ExReason{text.c_str(), kReceiverThrew, 1}));
+    }
+  }
+}
+
+}  // namespace
+
+void DeliverFound(const PendingList& receivers, const Pt::SmartPointer<Cacheable>& cacheable) {
+  CallEach(receivers, [&](const PendingReceiver& pending) {
+    pending.receiver->found(pending.requestId, pending.key, cacheable);
+  });
+}
+
+void DeliverCancelled(const PendingList& receivers) {
+  CallEach(receivers, [](const PendingReceiver& pending) {
+    pending.receiver->cancelled(pending.requestId, pending.key);
+  });
+}
+
+void DeliverFailed(const PendingList& receivers, const Pt::Exception& error) {
+  CallEach(receivers, [&](const PendingReceiver& pending) {
+    pending.receiver->failed(pending.requestId, pending.key, error);
+  });
+}
+
+}  // namespace Tarn

@@ -1,0 +1,238 @@
+#include "manager/SlotTable.h"
+
+#include <algorithm>
+#include <cassert>
+#include <iterator>
+#include <utility>
+
+#include "core/RaiseSites.h"
+#include "pt/Exception.h"
+
+namespace Tarn {
+
+namespace {
+
+// The slot's position is the low 16 bits of a request id, whatever the sign
+// the generation in the high bits gives the id.
+uint32_t PositionOf(uint32_t requestId) {
+  return requestId & 0xFFFFu;
+}
+
+// Generations run 1..65535 and then start over at 1: 0 marks a slot never
+// used, and a request id with generation 0 could be 0.
+uint32_t NextGeneration(uint32_t generation) {
+  return generation >= SlotTable::kMaxGeneration ? 1 : generation + 1;
+}
+
+// memoryInUse is a 32-bit count of client-supplied sizes, which may add up
+// past its range. It wraps rather than overflow (undefined behaviour), and
+// subtracting the same sizes later undoes the wrap exactly.
+int32_t Wrap(int64_t value) {
+  return static_cast<int32_t>(static_cast<uint32_t>(value));
+}
+
+#ifndef NDEBUG
+using Index = std::map<PrimaryKey, uint32_t>;
+
+bool UsedGeneration(uint32_t generation) {
+  return generation >= 1 && generation <= SlotTable::kMaxGeneration;
+}
+
+void CheckFreeSlot(const CacheSlot& slot, uint32_t position, const Index& index) {
+  assert(!slot.cacheable && slot.waiting.empty());
+  const bool blank = slot.generation == 0 && slot.index == 0xFFFFFFFF && slot.key.length == 0;
+  assert(blank || (UsedGeneration(slot.generation) && slot.index == position));
+  // A freed slot keeps its last key, which may since have gone to another slot.
+  const auto found = index.find(slot.key);
+  assert(found == index.end() || PositionOf(found->second) != position);
+}
+
+void CheckIndexedSlot(const CacheSlot& slot, uint32_t position, const Index& index) {
+  assert(slot.state == SlotState::InMemory || slot.state == SlotState::Reading ||
+         slot.state == SlotState::Generating);
+  assert(slot.index == position && UsedGeneration(slot.generation));
+  const auto found = index.find(slot.key);
+  assert(found != index.end() && found->second == static_cast<uint32_t>(slot.requestId()));
+  assert(bool(slot.cacheable) == (slot.state == SlotState::InMemory));
+  assert(!slot.cacheable || *slot.lruPosition == slot.key);
+  assert(slot.state != SlotState::InMemory || slot.waiting.empty());
+  for (const PendingReceiver& pending : slot.waiting) {
+    assert(pending.requestId == slot.requestId() && pending.key == slot.key && pending.receiver);
+  }
+}
+#endif
+
+}  // namespace
+
+SlotTable::SlotTable(int32_t memoryTarget, int32_t memorySlack)
+    : memoryTarget_(memoryTarget), memorySlack_(memorySlack) {
+  slots_.reserve(8192);
+  freeSlots_.reserve(8192);
+}
+
+int32_t SlotTable::allocate(const PrimaryKey& key, int& evicted) {
+  assert(index_.find(key) == index_.end());
+  if (freeSlots_.empty() && slots_.size() < kMaxSlots) appendBlankSlot();
+  // Every slot is taken: evict least recently used in-memory objects. A slot
+  // with a read or a generation in progress cannot be taken from its key.
+  while (freeSlots_.empty()) {
+    if (lru_.empty()) {
+      throw Pt::Exception(Pt::ExReason{kSlotTableFullMessage, kSlotTableFull.where, 1});
+    }
+    evictLeastRecentlyUsed();
+    ++evicted;
+  }
+
+  const uint32_t position = freeSlots_.back();
+  CacheSlot& slot = slots_[position];
+  const uint32_t generation = NextGeneration(slot.generation);
+  const uint32_t requestId = generation * 65536u + position;
+  // The only step below that can fail; the slot stays Free and on the stack
+  // until it has succeeded.
+  index_.emplace(key, requestId);
+  freeSlots_.pop_back();
+  slot.key = key;
+  slot.index = position;
+  slot.generation = generation;
+  slot.state = SlotState::Allocated;
+  return static_cast<int32_t>(requestId);
+}
+
+void SlotTable::appendBlankSlot() {
+  // release() pushes onto freeSlots_ and must not fail for want of memory,
+  // so the stack always has room for every slot there is.
+  if (freeSlots_.capacity() <= slots_.size()) {
+    freeSlots_.reserve(std::min<size_t>(2 * freeSlots_.capacity(), kMaxSlots));
+  }
+  slots_.emplace_back();
+  freeSlots_.push_back(static_cast<uint32_t>(slots_.size() - 1));
+}
+
+CacheSlot* SlotTable::find(const PrimaryKey& key) {
+  const auto found = index_.find(key);
+  if (found == index_.end()) return nullptr;
+  return slotAt(static_cast<int32_t>(found->second));
+}
+
+CacheSlot* SlotTable::slotAt(int32_t requestId) {
+  const uint32_t position = PositionOf(static_cast<uint32_t>(requestId));
+  return position < slots_.size() ? &slots_[position] : nullptr;
+}
+
+SlotTable::Released SlotTable::release(const PrimaryKey& key, PendingList& out) {
+  const auto found = index_.find(key);
+  if (found == index_.end()) return {};
+  const uint32_t position = PositionOf(found->second);
+  CacheSlot& slot = slots_[position];
+  const Released released{true, slot.state, slot.requestId()};
+
+  // The only step that can fail, so it goes first.
+  out.insert(out.end(), std::make_move_iterator(slot.waiting.begin()),
+             std::make_move_iterator(slot.waiting.end()));
+  slot.waiting.clear();
+  // Take the object out (the move clears the field) but keep it alive until
+  // the bookkeeping is done: its size() is still needed, and dropping the
+  // last reference runs client code.
+  Pt::SmartPointer<Cacheable> cacheable = std::move(slot.cacheable);
+  slot.state = SlotState::Free;
+  index_.erase(found);
+  freeSlots_.push_back(position);
+  if (cacheable) {
+    lru_.erase(slot.lruPosition);
+    memoryInUse_ = Wrap(int64_t{memoryInUse_} - cacheable->size());
+  }
+  return released;
+}
+
+void SlotTable::store(CacheSlot& slot, const Pt::SmartPointer<Cacheable>& cacheable) {
+  assert(slot.state != SlotState::Free && slot.state != SlotState::InMemory);
+  assert(!slot.cacheable && slot.waiting.empty() && cacheable);
+  // Ask the size and grow the list before changing anything, since either
+  // may throw.
+  const int32_t size = cacheable->size();
+  lru_.push_back(slot.key);
+  slot.cacheable = cacheable;
+  slot.lruPosition = std::prev(lru_.end());
+  memoryInUse_ = Wrap(int64_t{memoryInUse_} + size);
+  slot.state = SlotState::InMemory;
+}
+
+void SlotTable::touch(CacheSlot& slot) {
+  assert(slot.cacheable);
+  // A slot without an object has no place in the order to move.
+  if (!slot.cacheable) return;
+  // Relinking the node keeps lruPosition valid and cannot fail.
+  lru_.splice(lru_.end(), lru_, slot.lruPosition);
+}
+
+int SlotTable::trim() {
+  if (!overBound()) return 0;
+  int evicted = 0;
+  // Once started, go down to the target (not target + slack), so that the
+  // next few inserts do not each evict again.
+  while (memoryInUse_ > memoryTarget_ && !lru_.empty()) {
+    evictLeastRecentlyUsed();
+    ++evicted;
+  }
+  return evicted;
+}
+
+bool SlotTable::overBound() const {
+  // In 64 bits: a large target plus a large slack must not wrap negative and
+  // make everything look over the bound.
+  const int64_t bound = int64_t{memoryTarget_} + memorySlack_;
+  return memoryInUse_ > bound && memoryInUse_ > memoryTarget_;
+}
+
+void SlotTable::evictLeastRecentlyUsed() {
+  const PrimaryKey key = lru_.front();
+  PendingList none;
+  release(key, none);
+  // An in-memory object has nobody waiting on it, so nobody is left uncalled.
+  assert(none.empty());
+}
+
+bool SlotTable::firstKey(PrimaryKey& key) const {
+  if (index_.empty()) return false;
+  key = index_.begin()->first;
+  return true;
+}
+
+void SlotTable::checkInvariants() const {
+#ifndef NDEBUG
+  assert(slots_.size() <= kMaxSlots && freeSlots_.capacity() >= slots_.size());
+  size_t freeCount = 0;
+  size_t heldCount = 0;
+  int64_t memory = 0;
+  for (uint32_t position = 0; position < slots_.size(); ++position) {
+    const CacheSlot& slot = slots_[position];
+    if (slot.state == SlotState::Free) {
+      CheckFreeSlot(slot, position, index_);
+      ++freeCount;
+      continue;
+    }
+    CheckIndexedSlot(slot, position, index_);
+    if (slot.cacheable) {
+      ++heldCount;
+      memory += slot.cacheable->size();
+    }
+  }
+  // Each indexed slot found its own entry, so equal counts leave no stray one.
+  assert(index_.size() + freeCount == slots_.size());
+  assert(freeSlots_.size() == freeCount);
+  std::vector<bool> stacked(slots_.size());
+  for (const uint32_t position : freeSlots_) {
+    assert(position < slots_.size() && slots_[position].state == SlotState::Free);
+    assert(!stacked[position]);
+    stacked[position] = true;
+  }
+  assert(lru_.size() == heldCount && Wrap(memory) == memoryInUse_);
+  for (const PrimaryKey& key : lru_) {
+    const auto found = index_.find(key);
+    assert(found != index_.end());
+    assert(&*slots_[PositionOf(found->second)].lruPosition == &key);
+  }
+#endif
+}
+
+}  // namespace Tarn

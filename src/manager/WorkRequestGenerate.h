@@ -1,0 +1,35 @@
+// WorkRequestGenerate: has a factory create a missing object on a worker
+// thread and hands it to the cache manager's insert, which takes it only while
+// the request is still the key's current one. A failure of create() ends the
+// key's pending request with failed() calls.
+//
+// Ownership: held by whoever queues it, then by the work manager, then by the
+// worker that runs it. The manager outlives it: its destructor withdraws its
+// queued requests and waits for running ones.
+#pragma once
+
+#include "tarn/CacheKey.h"
+#include "tarn/CacheableFactory.h"
+#include "work/WorkRequest.h"
+
+namespace Tarn {
+
+class CacheManager;
+
+class WorkRequestGenerate : public WorkRequest {
+ public:
+  WorkRequestGenerate(CacheManager* manager, const Pt::SmartPointer<CacheableFactory>& factory,
+                      const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
+                      int32_t ownerId, int32_t requestId);
+
+  void run() override;
+  void handleException(const Pt::Exception& error) override;
+
+ private:
+  CacheManager* manager_;
+  Pt::SmartPointer<CacheableFactory> factory_;
+  PrimaryKey primaryKey_;
+  SecondaryKey secondaryKey_;
+};
+
+}  // namespace Tarn

@@ -1,0 +1,196 @@
+// The cache's life and its operations that store, evict, erase and cancel,
+// observed through what a user sees: receiver calls, statistics, the file
+// after a reopen, posted exceptions.
+#include <fstream>
+
+#include "platform/IoFaultInjection.h"
+#include "support/CacheFixture.h"
+#include "support/PostedExceptions.h"
+#include "support/RawCacheFile.h"
+#include "work/WorkManager.h"
+
+namespace {
+
+using Pt::IoFaultInjection;
+using TarnTest::ReceiverCall;
+using TarnTest::RecordingReceiver;
+
+class CacheTest : public TarnTest::CacheFixture {};
+
+TEST_F(CacheTest, InsertedObjectsSurviveAReopen) {
+  open();
+  for (const char* key : {"a", "b", "c"}) insert(key, 100);
+  EXPECT_TRUE(cache_->isCached(Key("b")));
+  auto statistics = stats();
+  EXPECT_EQ(statistics.inserted, 3);
+  EXPECT_EQ(statistics.entriesInMemory, 3);
+  EXPECT_EQ(statistics.memoryInUse, 300);
+  EXPECT_EQ(statistics.fileEntries, 3);
+  close();
+  open();
+  statistics = stats();
+  EXPECT_EQ(statistics.entriesInMemory, 0);
+  EXPECT_EQ(statistics.fileEntries, 3);
+  EXPECT_EQ(statistics.fileSize, 262'960 + 3 * 256);
+  for (const char* key : {"a", "b", "c"}) EXPECT_TRUE(cache_->isCached(Key(key))) << key;
+  EXPECT_FALSE(cache_->isCached(Key("d")));
+}
+
+TEST_F(CacheTest, EvictionKeepsMemoryBetweenTargetAndSlack) {
+  auto config = DefaultConfig();
+  config.memoryTarget = 100;
+  config.memorySlack = 50;
+  open(config);
+  for (const char* key : {"a", "b", "c"}) insert(key, 40);
+  EXPECT_EQ(stats().purged, 0);  // 120 is within 100 + 50
+  insert("d", 40);               // 160: evict down to 100
+  const auto statistics = stats();
+  EXPECT_EQ(statistics.purged, 2);
+  EXPECT_EQ(statistics.entriesInMemory, 2);
+  EXPECT_EQ(statistics.memoryInUse, 80);
+  EXPECT_TRUE(cache_->isCached(Key("a")));  // still in the file
+}
+
+TEST_F(CacheTest, RefusedObjectsChangeNothing) {
+  open();
+  cache_->insert(Key("empty"), Secondary(""), Tarn::Cacheable::Create("tile", nullptr).get());
+  EXPECT_FALSE(cache_->isCached(Key("empty")));
+  const auto unknown = Tarn::Cacheable::Create("nope", Tarn::Buffer::Create(1, "x"));
+  EXPECT_THROW(cache_->insert(Key("n"), Secondary(""), unknown.get()),
+               Tarn::ExFactoryClassNotFound);
+  Tarn::PrimaryKey tooLong{};
+  tooLong.length = 33;
+  EXPECT_THROW(cache_->insert(tooLong, Secondary(""), Object(1).get()), std::invalid_argument);
+  EXPECT_THROW(cache_->find(Key("a"), nullptr), std::invalid_argument);
+  const auto statistics = stats();
+  EXPECT_EQ(statistics.inserted, 0);
+  EXPECT_EQ(statistics.fileEntries, 0);
+}
+
+TEST_F(CacheTest, EraseWhileTheWriteIsInFlightLeavesNothingAfterReopen) {
+  open();
+  IoFaultInjection::Rule hold;
+  hold.action = IoFaultInjection::Action::HoldBack;
+  hold.length = 256;
+  IoFaultInjection::Add(hold);
+  insert("a", 100);
+  ASSERT_TRUE(IoFaultInjection::WaitHeld(1));
+  cache_->erase(Key("a"));
+  EXPECT_FALSE(cache_->isCached(Key("a")));
+  EXPECT_EQ(stats().erased, 1);
+  IoFaultInjection::ReleaseHeld();
+  close();  // waits for the write, then for the deferred delete header
+  EXPECT_TRUE(TarnTest::AllZero(TarnTest::ReadFileBytes(dir_.file("cache.tarn")), 816, 880));
+  open();
+  EXPECT_FALSE(cache_->isCached(Key("a")));
+}
+
+TEST_F(CacheTest, PurgeDropsMemoryOnly) {
+  open();
+  insert("a", 10);
+  cache_->purge(Key("a"));
+  cache_->purge(Key("never"));
+  const auto statistics = stats();
+  EXPECT_EQ(statistics.purged, 2);
+  EXPECT_EQ(statistics.entriesInMemory, 0);
+  EXPECT_TRUE(cache_->isCached(Key("a")));
+}
+
+TEST_F(CacheTest, FailedWriteIsPostedAndSettledEntriesStay) {
+  TarnTest::PostedExceptions posted;
+  open();
+  insert("a", 10);
+  cache_->commit();
+  IoFaultInjection::Rule fail;
+  fail.kind = IoFaultInjection::Kind::Write;
+  fail.length = 256;
+  fail.error = ENOSPC;
+  IoFaultInjection::Add(fail);
+  insert("b", 10);
+  cache_->commit();
+  ASSERT_TRUE(posted.waitFor(1));
+  const auto error = posted.at(0);
+  EXPECT_NE(dynamic_cast<Tarn::ExFileWriteEntry*>(error.get()), nullptr);
+  ASSERT_NE(error->nested(), nullptr);
+  EXPECT_EQ(dynamic_cast<const Pt::ExSystem&>(*error->nested()).code(), ENOSPC);
+  close();
+  open();
+  EXPECT_TRUE(cache_->isCached(Key("a")));
+  EXPECT_FALSE(cache_->isCached(Key("b")));
+}
+
+TEST_F(CacheTest, CancelEndsTheWaitButTheGenerationIsCached) {
+  open();
+  factory_->closeGate();
+  Pt::SmartPointer<RecordingReceiver> receiver(new RecordingReceiver);
+  const int id = cache_->findCreate(Key("g"), Secondary("s"), "tile", receiver.get());
+  EXPECT_EQ(id, 65536);  // generation 1, slot 0 on a fresh cache
+  ASSERT_TRUE(factory_->waitEntered(1));
+  cache_->cancel(id);
+  cache_->cancel(id);  // nobody left to tell
+  ASSERT_EQ(receiver->count(), 1u);
+  EXPECT_EQ(receiver->calls()[0].kind, ReceiverCall::Cancelled);
+  factory_->openGate();
+  // A later lookup joins the generation or finds its result in memory.
+  Pt::SmartPointer<RecordingReceiver> later(new RecordingReceiver);
+  cache_->find(Key("g"), later.get());
+  ASSERT_TRUE(later->waitFor(1));
+  EXPECT_EQ(later->calls()[0].kind, ReceiverCall::Found);
+  EXPECT_EQ(receiver->count(), 1u);
+  EXPECT_EQ(factory_->creates.load(), 1);
+}
+
+TEST_F(CacheTest, EraseOfAQueuedGenerationMeansCreateNeverRuns) {
+  auto config = DefaultConfig();
+  config.workerThreads = 1;
+  open(config);
+  factory_->closeGate();
+  Pt::SmartPointer<RecordingReceiver> first(new RecordingReceiver);
+  Pt::SmartPointer<RecordingReceiver> second(new RecordingReceiver);
+  cache_->findCreate(Key("busy"), Secondary(""), "tile", first.get());
+  ASSERT_TRUE(factory_->waitEntered(1));  // the only worker is taken
+  cache_->findCreate(Key("queued"), Secondary(""), "tile", second.get());
+  cache_->erase(Key("queued"));
+  ASSERT_EQ(second->count(), 1u);
+  EXPECT_EQ(second->calls()[0].kind, ReceiverCall::Cancelled);
+  factory_->openGate();
+  ASSERT_TRUE(first->waitFor(1));
+  close();
+  EXPECT_EQ(factory_->creates.load(), 1);
+}
+
+TEST_F(CacheTest, DestroyingTheCacheCancelsQueuedWork) {
+  auto config = DefaultConfig();
+  config.workerThreads = 1;
+  open(config);
+  factory_->closeGate();
+  Pt::SmartPointer<RecordingReceiver> running(new RecordingReceiver);
+  Pt::SmartPointer<RecordingReceiver> queued(new RecordingReceiver);
+  cache_->findCreate(Key("running"), Secondary(""), "tile", running.get());
+  ASSERT_TRUE(factory_->waitEntered(1));
+  cache_->findCreate(Key("queued"), Secondary(""), "tile", queued.get());
+  ASSERT_EQ(Tarn::WorkManager::queuedCount(), 1u);
+  std::thread closer([&] { close(); });
+  // The destruction withdraws the queued request first, then waits for the
+  // running one, which may finish once the queue is empty.
+  while (Tarn::WorkManager::queuedCount() != 0) std::this_thread::yield();
+  factory_->openGate();
+  closer.join();
+  EXPECT_EQ(factory_->creates.load(), 1);
+  ASSERT_EQ(queued->count(), 1u);
+  EXPECT_EQ(queued->calls()[0].kind, ReceiverCall::Cancelled);
+  // stop() waited for the running generation, so its result came first.
+  ASSERT_EQ(running->count(), 1u);
+  EXPECT_EQ(running->calls()[0].kind, ReceiverCall::Found);
+}
+
+TEST_F(CacheTest, FailedConstructionLeavesTheProcessAsItWas) {
+  std::ofstream(dir_.file("cache.tarn")) << "not a cache file, but long enough to read a header";
+  const int users = Tarn::WorkManager::users();
+  EXPECT_THROW(open(), Tarn::ExUnsupportedFileVersion);
+  EXPECT_EQ(Tarn::WorkManager::users(), users);
+  Tarn::CreateCacheFile(path_.c_str());
+  EXPECT_NO_THROW(open());
+}
+
+}  // namespace
