@@ -385,6 +385,12 @@ int WorkManager::users() {
   return s.users;
 }
 
+size_t WorkManager::queuedCount() {
+  State& s = TheState();
+  Pt::MutexLock lock(s.mu);
+  return s.byId.size();
+}
+
 int WorkManager::run() {
   tWorker = this;
   std::optional<int32_t> finished;

@@ -184,12 +184,14 @@ TEST_F(WorkManagerTest, OwnersWithEqualRequestIdsAreKeptApart) {
     queueLogged(kOwner, id, 1);
     queueLogged(kOtherOwner, id, 1);
   }
+  EXPECT_EQ(WorkManager::queuedCount(), 6u);
   const SmartPointer<WorkRequest> removed = WorkManager::remove(kOwner, 1);
   ASSERT_NE(removed, nullptr);
   EXPECT_EQ(removed->ownerId(), kOwner);
   WorkManager::reprioritize(kOwner, 3, 2);
   WorkManager::stop(kOwner);  // drops its 2 and 3
   EXPECT_EQ(WorkManager::remove(kOwner, 2), nullptr);
+  EXPECT_EQ(WorkManager::queuedCount(), 3u);
 
   release_.set();
   EXPECT_EQ(log_.waitFor(3), (std::vector<int>{101, 102, 103}));
