@@ -11,4 +11,5 @@
 #include "tarn/Config.h"
 #include "tarn/Exceptions.h"
 #include "tarn/Export.h"
+#include "tarn/Serialize.h"
 #include "tarn/Statistics.h"

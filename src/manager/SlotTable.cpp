@@ -187,7 +187,8 @@ bool SlotTable::overBound() const {
 void SlotTable::evictLeastRecentlyUsed() {
   const PrimaryKey key = lru_.front();
   PendingList none;
-  release(key, none);
+  [[maybe_unused]] const Released released = release(key, none);
+  assert(released.found && released.state == SlotState::InMemory);
   // An in-memory object has nobody waiting on it, so nobody is left uncalled.
   assert(none.empty());
 }

@@ -4,16 +4,22 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <string>
 
 #include "platform/Utf8.h"
 
 namespace Pt {
 namespace {
 
+// One line: the exception, where it was raised, and what caused it.
 void WriteToStderr(const Exception& posted, void* /*context*/) {
-  const ExWhere& where = posted.where();
-  std::fprintf(stderr, "tarn: %s (%s:%d)\n", posted.what(), where.file ? where.file : "",
-               where.line);
+  std::string line = "tarn:";
+  for (const Exception* e = &posted; e != nullptr; e = e->nested()) {
+    if (e != &posted) line += " <- caused by:";
+    line += std::string(" ") + e->what() + " (" + (e->where().file ? e->where().file : "") + ":" +
+            std::to_string(e->where().line) + ")";
+  }
+  std::fprintf(stderr, "%s\n", line.c_str());
 }
 
 // The post handler is read on every Post and replaced rarely; a mutex keeps a

@@ -13,6 +13,10 @@ namespace {
 constexpr unsigned kRingEntries = 256;
 constexpr size_t kReapBatch = 64;
 
+// Tags of the engine's own no-ops; requests carry their own address.
+char kWakeTag;
+char kStopTag;
+
 }  // namespace
 
 std::unique_ptr<UringEngine> UringEngine::Create(int threads) {
@@ -42,14 +46,10 @@ UringEngine::~UringEngine() {
     roster_.wakeAll();
   }
   {
-    // A no-op wakes the thread on duty out of its wait; its null tag means "stop".
+    // A no-op wakes the thread on duty out of its wait; it then sees the stop.
     std::lock_guard<std::mutex> guard(submitMutex_);
-    io_uring_sqe* sqe = io_uring_get_sqe(&ring_);
-    if (sqe) {
-      io_uring_prep_nop(sqe);
-      io_uring_sqe_set_data(sqe, nullptr);
-      io_uring_submit(&ring_);
-    }
+    pushNoOp(&kStopTag);
+    io_uring_submit(&ring_);
   }
   for (std::thread& thread : threads_) thread.join();
   io_uring_queue_exit(&ring_);
@@ -57,21 +57,45 @@ UringEngine::~UringEngine() {
 
 void UringEngine::submit(IoRequest* request) {
   std::lock_guard<std::mutex> guard(submitMutex_);
-  if (inFlight_ >= maxInFlight_) {
-    backlog_.push_back(request);
-    return;
+  pending_.push_back(request);
+  anyPending_.store(true, std::memory_order_relaxed);
+  if (reaperWaiting_ && !wakeQueued_) {
+    // A no-op completes at once, on this thread, and cannot be cancelled.
+    wakeQueued_ = true;
+    pushNoOp(&kWakeTag);
+    io_uring_submit(&ring_);
   }
-  ++inFlight_;
-  prepare(request);
 }
 
-void UringEngine::prepare(IoRequest* request) {
+io_uring_sqe* UringEngine::nextSqe() {
   io_uring_sqe* sqe = io_uring_get_sqe(&ring_);
-  if (sqe == nullptr) {
+  while (sqe == nullptr) {
     // The submission queue is full of prepared entries; hand them over.
     io_uring_submit(&ring_);
     sqe = io_uring_get_sqe(&ring_);
   }
+  return sqe;
+}
+
+void UringEngine::pushNoOp(void* tag) {
+  io_uring_sqe* sqe = nextSqe();
+  io_uring_prep_nop(sqe);
+  io_uring_sqe_set_data(sqe, tag);
+}
+
+void UringEngine::flushPending() {
+  while (!pending_.empty() && inFlight_ < maxInFlight_) {
+    IoRequest* request = pending_.front();
+    pending_.pop_front();
+    ++inFlight_;
+    prepare(request);
+  }
+  anyPending_.store(!pending_.empty(), std::memory_order_relaxed);
+  io_uring_submit(&ring_);
+}
+
+void UringEngine::prepare(IoRequest* request) {
+  io_uring_sqe* sqe = nextSqe();
   RequestState& state = IoRequestAccess::state(*request);
   if (state.injectedError != 0) {
     io_uring_prep_nop(sqe);
@@ -91,8 +115,6 @@ void UringEngine::prepare(IoRequest* request) {
   }
   io_uring_sqe_set_data(sqe, request);
   PT_HANDOFF_RELEASE(request);
-  // EBUSY/EAGAIN leave the entry in the ring; the next submit hands it over.
-  io_uring_submit(&ring_);
 }
 
 void UringEngine::completionLoop(int self) {
@@ -113,33 +135,50 @@ void UringEngine::completionLoop(int self) {
       if (stopping_) break;
       // Only the thread on duty reaps; it does so with nothing left in ready_.
       lock.unlock();
-      const size_t count = reapBatch(batch, kReapBatch);
+      const size_t count = waitAndReap(batch, kReapBatch);
       lock.lock();
       ready_.insert(ready_.end(), batch, batch + count);
       continue;
     }
     if (stopping_) break;
     roster_.serve(
-        lock, self, [this] { return !ready_.empty() || io_uring_cq_ready(&ring_) > 0; },
+        lock, self,
+        [this] {
+          return !ready_.empty() || io_uring_cq_ready(&ring_) > 0 ||
+                 anyPending_.load(std::memory_order_relaxed);
+        },
         [this] { return stopping_; });
   }
   roster_.release(self);
   roster_.wakeAll();
 }
 
-size_t UringEngine::reapBatch(Completion* batch, size_t capacity) {
+// Hands the pending requests to the kernel, then sleeps until completions
+// arrive and takes a batch of them.
+size_t UringEngine::waitAndReap(Completion* batch, size_t capacity) {
+  {
+    std::lock_guard<std::mutex> guard(submitMutex_);
+    flushPending();
+    reaperWaiting_ = true;
+  }
   io_uring_cqe* cqe = nullptr;
   int error;
   do {
     error = io_uring_wait_cqe(&ring_, &cqe);
   } while (error == -EINTR);
+  {
+    std::lock_guard<std::mutex> guard(submitMutex_);
+    reaperWaiting_ = false;
+    wakeQueued_ = false;
+  }
   if (error < 0) return 0;
   io_uring_cqe* cqes[kReapBatch];
   const unsigned count = io_uring_peek_batch_cqe(&ring_, cqes, static_cast<unsigned>(capacity));
   size_t taken = 0;
   for (unsigned i = 0; i < count; ++i) {
-    auto* request = static_cast<IoRequest*>(io_uring_cqe_get_data(cqes[i]));
-    if (request == nullptr) continue;  // the stop marker
+    void* tag = io_uring_cqe_get_data(cqes[i]);
+    if (tag == &kWakeTag || tag == &kStopTag) continue;
+    auto* request = static_cast<IoRequest*>(tag);
     PT_HANDOFF_ACQUIRE(request);
     batch[taken++] = {request, cqes[i]->res};
   }
@@ -156,20 +195,16 @@ void UringEngine::handle(const Completion& completion) {
   } else {
     std::lock_guard<std::mutex> guard(submitMutex_);
     prepare(request);  // the rest of a short transfer, or a retry; still in flight
+    io_uring_submit(&ring_);
   }
 }
 
 void UringEngine::finish(IoRequest* request, int error) {
   {
     std::lock_guard<std::mutex> guard(submitMutex_);
-    if (backlog_.empty()) {
-      --inFlight_;
-    } else {
-      // The slot passes straight to the oldest waiting request.
-      IoRequest* next = backlog_.front();
-      backlog_.pop_front();
-      prepare(next);
-    }
+    --inFlight_;
+    // Requests that waited for room enter now.
+    if (!pending_.empty() && inFlight_ < maxInFlight_) flushPending();
   }
   FinishRequest(request, error);
 }

@@ -239,17 +239,5 @@ TEST(SlotTable, ReleaseHandsOverWaitingReceiversInOrder) {
   table.checkInvariants();
 }
 
-TEST(SlotTable, IndexedKeysComeInKeyOrder) {
-  SlotTable table(1000, 0);
-  PrimaryKey first;
-  EXPECT_FALSE(table.firstKey(first));
-  for (const char* key : {"bb", "c", "a"}) Start(table, Key(key), SlotState::Reading);
-  std::vector<std::string> seen;
-  table.forEachIndexed([&](CacheSlot& slot) { seen.emplace_back(slot.key.view()); });
-  EXPECT_EQ(seen, (std::vector<std::string>{"a", "c", "bb"}));
-  ASSERT_TRUE(table.firstKey(first));
-  EXPECT_EQ(first, Key("a"));
-}
-
 }  // namespace
 }  // namespace Tarn

@@ -309,6 +309,19 @@ TEST_P(DeviceTest, TensOfThousandsOfQueuedRequestsAllComplete) {
             std::vector<uint8_t>(64, static_cast<uint8_t>((kRequests - 2) % 200 + 1)));
 }
 
+// The kernel cancels io_uring work that is still queued when the thread that
+// entered it exits; an application thread that writes and ends must not lose
+// its writes.
+TEST_P(DeviceTest, WritesOfAThreadThatEndsAreNotLost) {
+  constexpr int kWrites = 200;
+  SmartPointer<IoRecorder> recorder(new IoRecorder);
+  std::thread([&] {
+    for (int i = 0; i < kWrites; ++i) device_->write(Request(recorder.get(), i * 4096, 4096, 7));
+  }).join();
+  ASSERT_TRUE(recorder->waitFor(kWrites));
+  for (const auto& event : recorder->events()) EXPECT_FALSE(event.failed) << event.error;
+}
+
 TEST_P(DeviceTest, LengthFollowsWritesPastTheEnd) {
   EXPECT_EQ(device_->length(), kFileSize);
   SmartPointer<IoRecorder> recorder(new IoRecorder);
