@@ -15,6 +15,7 @@
 // directory and is removed at the end; a given file is replaced at the start
 // and kept. The picture is written as a PPM file next to the cache file.
 #include <stdlib.h>
+#include <time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -114,6 +115,13 @@ std::optional<TileId> TileOf(const Tarn::PrimaryKey& key) {
   return id;
 }
 
+// CPU time the calling thread has used, in nanoseconds.
+int64_t ThreadCpuNanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
 [[noreturn]] void Fail(const wchar_t* message, int line) {
   throw Pt::Exception(Pt::ExReason{message, Pt::ExWhere{__FILE__, line}, 1});
 }
@@ -126,7 +134,9 @@ class TileFactory final : public Tarn::CacheableFactory {
     const std::optional<TileId> id = TileOf(key);
     if (!id) Fail(L"not the key of a tile", __LINE__);
     created_.fetch_add(1);
+    const int64_t start = ThreadCpuNanoseconds();
     const std::vector<uint8_t> pixels = RenderTile(*id);
+    computeNanoseconds_.fetch_add(ThreadCpuNanoseconds() - start);
     return Tarn::Cacheable::Create(kTileType, Tarn::Buffer::Create(kTileBytes, pixels.data()));
   }
 
@@ -141,10 +151,13 @@ class TileFactory final : public Tarn::CacheableFactory {
 
   int created() const { return created_.load(); }
   int decoded() const { return decoded_.load(); }
+  // CPU time spent computing tiles, summed over the worker threads.
+  int64_t computeNanoseconds() const { return computeNanoseconds_.load(); }
 
  private:
   std::atomic<int> created_{0};
   std::atomic<int> decoded_{0};
+  std::atomic<int64_t> computeNanoseconds_{0};
 };
 
 // ---- The receivers: gather the tiles of one phase into a picture -----------
@@ -254,6 +267,7 @@ struct Phase {
   std::optional<double> openMs;  // when the phase opened the cache
   double tilesMs = 0;
   double commitMs = 0;
+  double computeMs = 0;     // CPU time the factory spent computing tiles
   int created = 0;          // tiles the factory computed
   int decoded = 0;          // tiles the factory rebuilt from the file's bytes
   Tarn::Statistics counts;  // counters of this phase; file figures at its end
@@ -291,6 +305,7 @@ void RunPhase(Tarn::Cache& cache, const TileFactory& factory, Phase& phase) {
   Tarn::Statistics before, after;
   cache.statistics(before);
   const int created = factory.created(), decoded = factory.decoded();
+  const int64_t computed = factory.computeNanoseconds();
   const Clock::time_point start = Clock::now();
   phase.picture = RequestAllTiles(cache);
   const Clock::time_point arrived = Clock::now();
@@ -301,6 +316,7 @@ void RunPhase(Tarn::Cache& cache, const TileFactory& factory, Phase& phase) {
   phase.counts = CountersSince(before, after);
   phase.created = factory.created() - created;
   phase.decoded = factory.decoded() - decoded;
+  phase.computeMs = static_cast<double>(factory.computeNanoseconds() - computed) / 1e6;
 }
 
 std::vector<Phase> RunPhases(const fs::path& file) {
@@ -371,6 +387,7 @@ void PrintPhases(const std::vector<Phase>& phases) {
               [](const Phase& p) { return Ms(p.tilesMs); }),
       MakeRow("commit", phases, [](const Phase& p) { return Ms(p.commitMs); }),
       MakeRow("tiles computed by the factory", phases, count([](auto& p) { return p.created; })),
+      MakeRow("CPU time computing them", phases, [](const Phase& p) { return Ms(p.computeMs); }),
       MakeRow("tiles decoded by the factory", phases, count([](auto& p) { return p.decoded; })),
       MakeRow("generated", phases, count([](auto& p) { return p.counts.generated; })),
       MakeRow("file reads", phases, count([](auto& p) { return p.counts.fileReads; })),
@@ -464,8 +481,10 @@ int main(int argc, char** argv) {
   try {
     status = RunDemo(*space);
   } catch (const Pt::Exception& error) {
+    std::fflush(stdout);
     std::fprintf(stderr, "tarn-demo: %s\n", Describe(error).c_str());
   } catch (const std::exception& error) {
+    std::fflush(stdout);
     std::fprintf(stderr, "tarn-demo: %s\n", error.what());
   }
   if (space->scratch) {
