@@ -64,16 +64,20 @@ class CacheManager {
   void checkInvariants();
 
  private:
+  // The steps below receive the caller's guards and release them on the way
+  // (a hand-over the compile-time lock analysis cannot follow through a
+  // reference, hence PT_NO_THREAD_SAFETY_ANALYSIS on them).
   int32_t findInMemory(const PrimaryKey& key, const Pt::SmartPointer<CacheableReceiver>& receiver,
-                       Pt::UniqueLock& index);
+                       Pt::UniqueLock& index) PT_NO_THREAD_SAFETY_ANALYSIS;
   int32_t findInFile(const PrimaryKey& key, const Pt::SmartPointer<CacheableReceiver>& receiver,
-                     Pt::UniqueLock& index, Pt::UniqueLock& file);
+                     Pt::UniqueLock& index, Pt::UniqueLock& file) PT_NO_THREAD_SAFETY_ANALYSIS;
   int32_t startGeneration(const PrimaryKey& key, const SecondaryKey& secondaryKey,
                           const Pt::SmartPointer<CacheableFactory>& factory,
                           const Pt::SmartPointer<CacheableReceiver>& receiver);
   int32_t allocateSlot(const PrimaryKey& key);
   void releaseSlot(const PrimaryKey& key, PendingList& out);
-  void failInsert(const PrimaryKey& key, PendingList& collected, Pt::UniqueLock& index);
+  void failInsert(const PrimaryKey& key, PendingList& collected,
+                  Pt::UniqueLock& index) PT_NO_THREAD_SAFETY_ANALYSIS;
   void purgeAll();
 
   // Holds one registration with the platform for the manager's life, so

@@ -160,7 +160,7 @@ class FileManager {
   void writeDeleteHeader(uint32_t headerOffset, uint32_t dataOffset, uint32_t allocatedLength)
       PT_REQUIRES(lock_);
   void load(int fd);
-  void registerTypes(int fd, uint32_t typeTableOffset);
+  void registerTypes(int fd, uint32_t typeTableOffset) PT_REQUIRES(lock_);
   // Advances fileEnd_ by `bytes` and returns where they start; EFBIG when
   // the file would reach 2 GiB.
   uint32_t growFileBy(uint64_t bytes) PT_REQUIRES(lock_);

@@ -17,7 +17,7 @@ constexpr int kPatienceMs = 30000;
 // Whether another thread can take `mutex` right now.
 bool OtherThreadCanLock(Pt::Mutex& mutex) {
   bool locked = false;
-  std::thread([&] {
+  std::thread([&]() PT_NO_THREAD_SAFETY_ANALYSIS {
     if ((locked = mutex.try_lock())) mutex.unlock();
   }).join();
   return locked;
