@@ -38,8 +38,7 @@ class SerializeReceiver final : public CacheableReceiver {
     done_.post();
   }
   void cancelled(int /*requestId*/, const CacheKey<32>& /*key*/) override { done_.post(); }
-  void failed(int /*requestId*/, const CacheKey<32>& /*key*/,
-              const Pt::Exception& error) override {
+  void failed(int /*requestId*/, const CacheKey<32>& /*key*/, const Pt::Exception& error) override {
     // The waiter must wake even if the application's post handler throws.
     struct PostDone {
       Pt::Semaphore& done;
