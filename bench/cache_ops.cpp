@@ -20,6 +20,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "FloorReporter.h"
+
 #include "tarn/tarn.h"
 
 namespace {
@@ -265,12 +267,8 @@ BENCHMARK(PreadFloor)->UseRealTime();
 BENCHMARK(FindInFile)->UseRealTime();
 BENCHMARK(FindCreateNew)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public TarnBench::FloorReporter {
  public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) times_[run.benchmark_name()] = run.GetAdjustedRealTime();
-  }
   void Finalize() override {
     ConsoleReporter::Finalize();
     std::printf("\nThroughput as a share of the floor measured in this run:\n");
@@ -280,14 +278,6 @@ class RatioReporter : public benchmark::ConsoleReporter {
     share("FindInMemory/real_time/threads:2", "LockedMapFloor/real_time/threads:2");
     share("FindInFile/real_time", "PreadFloor/real_time");
   }
-
- private:
-  void share(const std::string& name, const std::string& floor) {
-    const auto a = times_.find(name), b = times_.find(floor);
-    if (a == times_.end() || b == times_.end() || a->second <= 0) return;
-    std::printf("  %-40s %6.0f%%\n", name.c_str(), 100.0 * b->second / a->second);
-  }
-  std::map<std::string, double> times_;
 };
 
 }  // namespace

@@ -19,6 +19,8 @@
 #include <benchmark/benchmark.h>
 #include <liburing.h>
 
+#include "FloorReporter.h"
+
 #include "pt/Platform.h"
 #include "pt/PtIoDeviceFile.h"
 
@@ -179,35 +181,24 @@ BENCHMARK_CAPTURE(RawRingTransfer, read_ring, false)->Apply(Args);
 BENCHMARK_CAPTURE(DeviceTransfer, read_uring, Pt::IoEngineKind::IoUring, false)->Apply(Args);
 BENCHMARK_CAPTURE(DeviceTransfer, read_pool, Pt::IoEngineKind::ThreadPool, false)->Apply(Args);
 
-// Prints every device figure as a share of the floor of the same direction
-// and block size.
-class RatioReporter : public benchmark::ConsoleReporter {
+// Prints every figure as a share of the plain loop of the same direction and
+// block size.
+class RatioReporter : public TarnBench::FloorReporter {
  public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) times_[run.benchmark_name()] = run.GetAdjustedRealTime();
-  }
   void Finalize() override {
     ConsoleReporter::Finalize();
     std::printf("\nThroughput as a share of the plain loop of the same direction and size:\n");
-    for (const auto& [name, time] : times_) {
+    for (const auto& [name, time] : times()) {
       const auto slash = name.find('/');
-      const std::string family = name.substr(0, slash);
       const std::string variant = name.substr(slash + 1, name.find('/', slash + 1) - slash - 1);
       if (variant.find("floor") != std::string::npos) continue;
       const bool write = variant.find("write") != std::string::npos;
       const auto bytesAt = name.find("bytes:");
       const std::string bytes = name.substr(bytesAt, name.find('/', bytesAt) - bytesAt);
-      const auto floor =
-          times_.find(std::string("PlainTransfer/") + (write ? "write_floor/" : "read_floor/") +
-                      bytes + "/depth:1/real_time");
-      if (floor == times_.end() || time <= 0) continue;
-      std::printf("  %-60s %6.0f%%\n", name.c_str(), 100.0 * floor->second / time);
+      share(name, std::string("PlainTransfer/") + (write ? "write_floor/" : "read_floor/") + bytes +
+                      "/depth:1/real_time");
     }
   }
-
- private:
-  std::map<std::string, double> times_;
 };
 
 }  // namespace

@@ -13,6 +13,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "FloorReporter.h"
+
 #include "core/FactoryManager.h"
 #include "pt/Platform.h"
 #include "store/FileManager.h"
@@ -150,24 +152,16 @@ void BareLoop(benchmark::State& state) {
 BENCHMARK(BareLoop)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(OpenFile)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public TarnBench::FloorReporter {
  public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) times_[run.benchmark_name()] = run.GetAdjustedRealTime();
-  }
   void Finalize() override {
     ConsoleReporter::Finalize();
-    const double floor = times_["BareLoop/min_time:2.000/real_time"];
-    const double open = times_["OpenFile/min_time:2.000/real_time"];
-    if (floor > 0 && open > 0) {
-      std::printf("\nOpening 1,000,000 entries takes %.2fx the bare loop (%.0f ms vs %.0f ms)\n",
-                  open / floor, open, floor);
-    }
+    const auto floor = times().find("BareLoop/min_time:2.000/real_time");
+    const auto open = times().find("OpenFile/min_time:2.000/real_time");
+    if (floor == times().end() || open == times().end() || floor->second <= 0) return;
+    std::printf("\nOpening 1,000,000 entries takes %.2fx the bare loop (%.0f ms vs %.0f ms)\n",
+                open->second / floor->second, open->second, floor->second);
   }
-
- private:
-  std::map<std::string, double> times_;
 };
 
 }  // namespace
