@@ -1,8 +1,9 @@
 // find and findCreate: served from memory, by joining a request in progress,
 // from the file, or by generation; and every way each of them can fail.
 #include <cstdio>
-#include <functional>
 #include <thread>
+#include <tuple>
+#include <utility>
 
 #include "core/RaiseSites.h"
 #include "platform/IoFaultInjection.h"
@@ -22,14 +23,7 @@ class CacheLookupTest : public TarnTest::CacheFixture {
   void openWithFileOnlyEntry() {
     open();
     insert("a", 100);
-    close();
-    open();
-  }
-  static int HoldReads() {
-    IoFaultInjection::Rule hold;
-    hold.action = IoFaultInjection::Action::HoldBack;
-    hold.kind = IoFaultInjection::Kind::Read;
-    return IoFaultInjection::Add(hold);
+    open();  // reopens
   }
   static ReceiverCall OnlyCall(const Receiver& receiver) {
     EXPECT_TRUE(receiver->waitFor(1));
@@ -45,9 +39,8 @@ TEST_F(CacheLookupTest, MemoryHitIsDeliveredBeforeFindReturns) {
   const int id = cache_->find(Key("a"), receiver.get());
   ASSERT_EQ(receiver->count(), 1u);  // already, on this thread
   const ReceiverCall call = receiver->calls()[0];
-  EXPECT_EQ(call.kind, ReceiverCall::Found);
-  EXPECT_EQ(call.requestId, id);
-  EXPECT_EQ(call.thread, std::this_thread::get_id());
+  EXPECT_EQ(std::tuple(call.kind, call.requestId, call.thread),
+            std::tuple(ReceiverCall::Found, id, std::this_thread::get_id()));
   EXPECT_EQ(stats().memoryHits, 1);
   EXPECT_EQ(cache_->find(Key("never"), receiver.get()), 0);
   EXPECT_EQ(receiver->count(), 1u);
@@ -55,7 +48,8 @@ TEST_F(CacheLookupTest, MemoryHitIsDeliveredBeforeFindReturns) {
 
 TEST_F(CacheLookupTest, RacingFindsOfAFileEntryShareOneRead) {
   openWithFileOnlyEntry();
-  HoldReads();
+  IoFaultInjection::Add(
+      {.action = IoFaultInjection::Action::HoldBack, .kind = IoFaultInjection::Kind::Read});
   Receiver first(new RecordingReceiver), second(new RecordingReceiver);
   const int id = cache_->find(Key("a"), first.get());
   EXPECT_EQ(cache_->find(Key("a"), second.get()), id);
@@ -66,10 +60,8 @@ TEST_F(CacheLookupTest, RacingFindsOfAFileEntryShareOneRead) {
   EXPECT_EQ(a.kind, ReceiverCall::Found);
   EXPECT_EQ(a.cacheable.get(), b.cacheable.get());
   EXPECT_EQ(a.cacheable->getData()->length(), 100);  // exactly the data, not the allocation
-  EXPECT_EQ(factory_->decodes.load(), 1);
-  const auto statistics = stats();
-  EXPECT_EQ(statistics.fileReads, 1);
-  EXPECT_EQ(statistics.memoryHits, 1);  // the join
+  EXPECT_EQ(std::pair(stats().fileReads, stats().memoryHits),
+            std::pair(1, 1));  // one read, one join
 }
 
 TEST_F(CacheLookupTest, FindCreateReadsAFileEntryInsteadOfCreating) {
@@ -89,14 +81,12 @@ TEST_F(CacheLookupTest, GenerationIsStoredWithItsSecondaryKeyAndJoined) {
   EXPECT_EQ(cache_->find(Key("g"), joiner.get()), id);
   factory_->openGate();
   const ReceiverCall made = OnlyCall(creator);
-  EXPECT_EQ(made.kind, ReceiverCall::Found);
-  EXPECT_EQ(made.requestId, id);
+  EXPECT_EQ(std::pair(made.kind, made.requestId), std::pair(ReceiverCall::Found, id));
   EXPECT_EQ(OnlyCall(joiner).cacheable.get(), made.cacheable.get());
   std::vector<Tarn::PrimaryKey> keys;
   cache_->findPrimaryKeys(Secondary("tiles"), keys);
   EXPECT_EQ(keys, std::vector<Tarn::PrimaryKey>{Key("g")});
-  EXPECT_EQ(stats().generated, 1);
-  EXPECT_EQ(factory_->creates.load(), 1);
+  EXPECT_EQ(std::pair(stats().generated, factory_->creates.load()), std::pair(1, 1));
 }
 
 TEST_F(CacheLookupTest, UnknownTypeThrowsAndLeavesNothingBehind) {
@@ -112,48 +102,34 @@ TEST_F(CacheLookupTest, UnknownTypeThrowsAndLeavesNothingBehind) {
 // Every failure of a lookup reaches its receiver as failed(), with the class
 // and location that say what went wrong.
 TEST_F(CacheLookupTest, FailuresReachTheReceiver) {
-  struct Case {
+  using B = TarnTest::NamedFactory::Behaviour;
+  const struct {
     const char* what;
-    std::function<void()> arrange;
-    bool fromFile;
+    B create, decode;
+    bool failRead, fromFile;
     int line;  // where the delivered exception was raised
-  };
-  const Case cases[] = {
-      {"create throws",
-       [this] { factory_->createBehaviour = TarnTest::NamedFactory::Behaviour::Throw; }, false, 1},
-      {"create returns nothing",
-       [this] { factory_->createBehaviour = TarnTest::NamedFactory::Behaviour::ReturnNull; }, false,
+  } cases[] = {
+      {"create throws", B::Throw, B::Normal, false, false, 1},
+      {"create returns nothing", B::ReturnNull, B::Normal, false, false,
        Tarn::kGenerateNoObject.where.line},
-      {"decode throws",
-       [this] { factory_->decodeBehaviour = TarnTest::NamedFactory::Behaviour::Throw; }, true, 82},
-      {"decode returns nothing",
-       [this] { factory_->decodeBehaviour = TarnTest::NamedFactory::Behaviour::ReturnNull; }, true,
-       82},
-      {"read fails",
-       [] {
-         IoFaultInjection::Rule fail;
-         fail.kind = IoFaultInjection::Kind::Read;
-         IoFaultInjection::Add(fail);
-       },
-       true, 103},
+      {"decode throws", B::Normal, B::Throw, false, true, 82},
+      {"decode returns nothing", B::Normal, B::ReturnNull, false, true, 82},
+      {"read fails", B::Normal, B::Normal, true, true, 103},
   };
-  for (const Case& failure : cases) {
+  for (const auto& failure : cases) {
     SCOPED_TRACE(failure.what);
-    factory_->createBehaviour = TarnTest::NamedFactory::Behaviour::Normal;
-    factory_->decodeBehaviour = TarnTest::NamedFactory::Behaviour::Normal;
-    IoFaultInjection::Clear();
     failure.fromFile ? openWithFileOnlyEntry() : static_cast<void>(open());
-    failure.arrange();
+    factory_->createBehaviour = failure.create;
+    factory_->decodeBehaviour = failure.decode;
+    if (failure.failRead) IoFaultInjection::Add({.kind = IoFaultInjection::Kind::Read});
     Receiver receiver(new RecordingReceiver);
     const int id = cache_->findCreate(Key(failure.fromFile ? "a" : "new"), Secondary(""), "tile",
                                       receiver.get());
     const ReceiverCall call = OnlyCall(receiver);
-    EXPECT_EQ(call.kind, ReceiverCall::Failed);
-    EXPECT_EQ(call.requestId, id);
+    EXPECT_EQ(std::pair(call.kind, call.requestId), std::pair(ReceiverCall::Failed, id));
     ASSERT_NE(call.error, nullptr);
     EXPECT_EQ(call.error->where().line, failure.line);
-    // The request is over: nothing waits on the key any more.
-    EXPECT_EQ(cache_->isCached(Key("new")), false);
+    EXPECT_FALSE(cache_->isCached(Key("new")));  // the request is over
     close();
     std::remove(dir_.file("cache.tarn").c_str());
   }
@@ -165,8 +141,7 @@ TEST_F(CacheLookupTest, SecondaryKeysFollowWritesErasesAndReopens) {
   insert("b", 10, "shared");
   insert("c", 10, "other");
   cache_->erase(Key("a"));
-  close();
-  open();
+  open();  // reopens
   std::vector<Tarn::PrimaryKey> keys;
   cache_->findPrimaryKeys(Secondary("shared"), keys);
   EXPECT_EQ(keys, std::vector<Tarn::PrimaryKey>{Key("b")});

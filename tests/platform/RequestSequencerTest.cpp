@@ -21,42 +21,7 @@ struct Queued {
 };
 
 Queued Make(int64_t begin, int64_t end) {
-  Queued queued{IoRequest::Create(nullptr, 0, IoRequest::Normal), begin, end};
-  return queued;
-}
-
-TEST(DeviceSequencer, DisjointRequestsStartAtOnceAndLeaveNothingBehind) {
-  RequestSequencer sequencer;
-  std::vector<Queued> queued;
-  for (int i = 0; i < 100; ++i) queued.push_back(Make(i * 64, i * 64 + 64));
-  for (auto& q : queued) EXPECT_TRUE(sequencer.admit(q.request.get(), q.begin, q.end));
-  std::vector<IoRequest*> ready;
-  for (auto& q : queued) sequencer.retire(q.request.get(), q.begin, q.end, ready);
-  EXPECT_TRUE(ready.empty());
-  EXPECT_TRUE(sequencer.empty());
-}
-
-TEST(DeviceSequencer, RequestWaitsForEveryEarlierOverlapOnce) {
-  RequestSequencer sequencer;
-  Queued left = Make(0, 100), right = Make(200, 300), spanning = Make(50, 250);
-  Queued inside = Make(60, 70);
-  EXPECT_TRUE(sequencer.admit(left.request.get(), 0, 100));
-  EXPECT_TRUE(sequencer.admit(right.request.get(), 200, 300));
-  EXPECT_FALSE(sequencer.admit(spanning.request.get(), 50, 250));
-  EXPECT_FALSE(sequencer.admit(inside.request.get(), 60, 70));
-  sequencer.checkInvariants();
-
-  std::vector<IoRequest*> ready;
-  sequencer.retire(right.request.get(), 200, 300, ready);
-  EXPECT_TRUE(ready.empty());  // `spanning` still waits for `left`
-  sequencer.retire(left.request.get(), 0, 100, ready);
-  ASSERT_EQ(ready, std::vector<IoRequest*>{spanning.request.get()});
-  ready.clear();
-  sequencer.retire(spanning.request.get(), 50, 250, ready);
-  ASSERT_EQ(ready, std::vector<IoRequest*>{inside.request.get()});
-  ready.clear();
-  sequencer.retire(inside.request.get(), 60, 70, ready);
-  EXPECT_TRUE(sequencer.empty());
+  return {IoRequest::Create(nullptr, 0, IoRequest::Normal), begin, end};
 }
 
 // Random ranges, retired in any order the rules allow: a request is handed
