@@ -194,7 +194,8 @@ TEST_P(DeviceTest, CallbacksMayQueueRequestsAndThrow) {
   device_->flush();
   EXPECT_EQ(fileBytes(0, 64 * kChain), Bytes(64 * kChain, 9));
   ASSERT_EQ(posted.count(), 1u);
-  const auto* system = dynamic_cast<const Pt::ExSystem*>(posted.at(0).get());
+  const auto error = posted.at(0);
+  const auto* system = dynamic_cast<const Pt::ExSystem*>(error.get());
   ASSERT_NE(system, nullptr);
   EXPECT_EQ(system->code(), EDOM);
 }
