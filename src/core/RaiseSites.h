@@ -37,6 +37,7 @@ inline constexpr const char* kSrcWriteExtentHeaderReceiver =
 inline constexpr const char* kSrcDeleteEntryReceiver =
     "shared/tarn/cache/TarnFileDeleteEntryReceiver";
 inline constexpr const char* kSrcReadEntryReceiver = "shared/tarn/cache/TarnFileReadEntryReceiver";
+inline constexpr const char* kSrcWorkManager = "shared/tarn/cache/TarnWorkManager";
 
 // Factory registry: no factory serves the type looked up.
 inline constexpr RaiseSite kFactoryLookup{kMsgFactoryClassNotFound, {kSrcFactoryManager, 43}};
@@ -105,6 +106,12 @@ inline constexpr RaiseSite kInsertUnknownType{kMsgFactoryClassNotFound, {kSrcMan
 inline constexpr RaiseSite kGenerateNoObject{kOwnMessage, {kSrcManager, 1190}};
 inline constexpr const wchar_t* kGenerateNoObjectMessage =
     L"The factory's create() returned no object!";
+// A receiver's callback threw something other than a Pt::Exception; it is
+// posted with this location and the thrown text.
+inline constexpr RaiseSite kReceiverThrew{kOwnMessage, {kSrcManager, 1350}};
+// A work request's run() or handleException() threw something the worker
+// cannot hand to the request; it is posted with this location.
+inline constexpr RaiseSite kWorkRequestThrew{kOwnMessage, {kSrcWorkManager, 120}};
 // An entry read whose factory's decode() returned no object.
 inline constexpr RaiseSite kDecodeNoObject{kOwnMessage, {kSrcReadEntryReceiver, 78}};
 inline constexpr const wchar_t* kDecodeNoObjectMessage =
@@ -146,6 +153,8 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kInsertUnknownType,
     kGenerateNoObject,
     kDecodeNoObject,
+    kReceiverThrew,
+    kWorkRequestThrew,
 };
 
 }  // namespace Tarn

@@ -3,12 +3,11 @@
 #include <cstring>
 #include <string>
 
+#include "core/RaiseSites.h"
 #include "manager/CacheManager.h"
 
 namespace Tarn {
 namespace {
-
-constexpr Pt::ExWhere kReceiverThrew{"shared/tarn/cache/TarnManager", 0};
 
 template <class Call>
 void CallEach(const PendingList& receivers, Call call) {
@@ -20,7 +19,7 @@ void CallEach(const PendingList& receivers, Call call) {
     } catch (const std::exception& escaped) {
       const std::string what = escaped.what();
       const std::wstring text = L"A receiver threw: " + std::wstring(what.begin(), what.end());
-      Pt::Exception::Post(Pt::Exception(Pt::ExReason{text.c_str(), kReceiverThrew, 1}));
+      Pt::Exception::Post(Pt::Exception(Pt::ExReason{text.c_str(), kReceiverThrew.where, 1}));
     }
   }
 }

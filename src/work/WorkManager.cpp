@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "core/RaiseSites.h"
 #include "core/ConfigRules.h"
 #include "pt/CondVar.h"
 #include "pt/Mutex.h"
@@ -27,13 +28,12 @@ constexpr int kPriorities = 3;
 
 // A request let an exception escape that is not a Pt::Exception; nobody can
 // catch it on a worker, so it is posted.
-constexpr Pt::ExWhere kForeignExceptionSite{"tarn/WorkManager", 1};
 
 // Two owners may use the same request ids, so a request is known by both.
 struct RequestKey {
   int32_t owner;
   int32_t request;
-  auto operator<=>(const RequestKey&) const = default;
+  auto operator<=>(const RequestKey&) const = default;  // NOLINT(modernize-use-nullptr)
 };
 
 RequestKey KeyOf(const WorkRequest& request) {
@@ -240,7 +240,7 @@ void PostForeign(const WorkRequest& request, const char* what) {
     const auto byte = static_cast<unsigned char>(*c);
     message.push_back(byte < 0x80 ? static_cast<wchar_t>(byte) : L'\uFFFD');
   }
-  Pt::Exception::Post(Pt::Exception(Pt::ExReason{message.c_str(), kForeignExceptionSite, 1}));
+  Pt::Exception::Post(Pt::Exception(Pt::ExReason{message.c_str(), kWorkRequestThrew.where, 1}));
 }
 
 // Runs `request` and releases it, with no lock held. No exception leaves: a
