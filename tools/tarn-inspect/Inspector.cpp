@@ -144,10 +144,8 @@ void WriteTypesJson(JsonWriter& json, const std::vector<TypeRecord>& types) {
   json.beginArray();
   for (const TypeRecord& type : types) {
     json.beginObject();
-    json.key("id");
-    json.number(type.id);
-    json.key("name");
-    json.text(type.typeName());
+    json.field("id", type.id);
+    json.field("name", type.typeName());
     json.endObject();
   }
   json.endArray();
@@ -157,14 +155,10 @@ void WriteExtentsJson(JsonWriter& json, const Inspection& inspection) {
   json.beginArray();
   for (const auto& [location, header] : inspection.extents) {
     json.beginObject();
-    json.key("location");
-    json.number(location);
-    json.key("entryCount");
-    json.number(header.entryCount);
-    json.key("entriesOffset");
-    json.number(header.entriesOffset);
-    json.key("nextExtent");
-    json.number(header.nextExtent);
+    json.field("location", location);
+    json.field("entryCount", header.entryCount);
+    json.field("entriesOffset", header.entriesOffset);
+    json.field("nextExtent", header.nextExtent);
     json.endObject();
   }
   json.endArray();
@@ -174,10 +168,8 @@ void WriteGapsJson(JsonWriter& json, const std::vector<Tarn::FileRange>& gaps) {
   json.beginArray();
   for (const Tarn::FileRange& gap : gaps) {
     json.beginObject();
-    json.key("offset");
-    json.number(gap.offset);
-    json.key("length");
-    json.number(gap.length);
+    json.field("offset", gap.offset);
+    json.field("length", gap.length);
     json.endObject();
   }
   json.endArray();
@@ -186,8 +178,7 @@ void WriteGapsJson(JsonWriter& json, const std::vector<Tarn::FileRange>& gaps) {
 void WriteInfoJson(std::ostream& out, const Inspection& inspection) {
   JsonWriter json(out);
   json.beginObject();
-  json.key("file");
-  json.text(inspection.path);
+  json.field("file", inspection.path);
   json.key("header");
   WriteHeaderJson(json, inspection.summary.header);
   WriteSummaryJson(json, inspection);
@@ -238,30 +229,20 @@ void WriteEntryJson(JsonWriter& json, const Inspection& inspection, uint32_t slo
   const std::string primary(entry.primaryKeyValue().view());
   const std::string secondary(entry.secondaryKeyValue().view());
   json.beginObject();
-  json.key("slot");
-  json.number(slot);
-  json.key("type");
-  json.text(TypeName(inspection, entry.typeId));
-  json.key("typeId");
-  json.number(entry.typeId);
-  json.key("primaryKeyHex");
-  json.text(Hex(primary));
-  json.key("secondaryKeyHex");
-  json.text(Hex(secondary));
+  json.field("slot", slot);
+  json.field("type", TypeName(inspection, entry.typeId));
+  json.field("typeId", entry.typeId);
+  json.field("primaryKeyHex", Hex(primary));
+  json.field("secondaryKeyHex", Hex(secondary));
   if (Printable(primary)) {
-    json.key("primaryKey");
-    json.text(primary);
+    json.field("primaryKey", primary);
   }
   if (Printable(secondary)) {
-    json.key("secondaryKey");
-    json.text(secondary);
+    json.field("secondaryKey", secondary);
   }
-  json.key("dataOffset");
-  json.number(entry.dataOffset);
-  json.key("dataLength");
-  json.number(entry.dataLength);
-  json.key("allocatedLength");
-  json.number(entry.allocatedLength);
+  json.field("dataOffset", entry.dataOffset);
+  json.field("dataLength", entry.dataLength);
+  json.field("allocatedLength", entry.allocatedLength);
   json.endObject();
 }
 

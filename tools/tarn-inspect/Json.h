@@ -33,6 +33,15 @@ class JsonWriter {
   // ambiguous between the integer, the real and the flag.
   void text(std::string_view value);
   void number(uint64_t value);
+  // A member of the current object: its key, then its value.
+  void field(std::string_view name, uint64_t value) {
+    key(name);
+    number(value);
+  }
+  void field(std::string_view name, std::string_view value) {
+    key(name);
+    text(value);
+  }
   void real(double value);
   void flag(bool value);
 
