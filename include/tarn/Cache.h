@@ -24,6 +24,9 @@
 // no factory serves, or two factories serve one type), or Pt::ExSystem (the
 // file cannot be opened, created or locked). Keys with a length outside
 // 0..capacity and null receivers are refused with std::invalid_argument.
+// insert, find and findCreate throw a Pt::Exception, changing nothing, when
+// all 65,536 slots of the memory index hold requests in progress and no
+// object can be evicted to make room.
 #pragma once
 
 #include <string>
