@@ -64,6 +64,24 @@ TEST_F(CacheLookupTest, RacingFindsOfAFileEntryShareOneRead) {
             std::pair(1, 1));  // one read, one join
 }
 
+// A cancel ends the wait at once; the read goes on and its object is cached.
+TEST_F(CacheLookupTest, CancelDuringAReadKeepsItsResult) {
+  openWithFileOnlyEntry();
+  IoFaultInjection::Add(
+      {.action = IoFaultInjection::Action::HoldBack, .kind = IoFaultInjection::Kind::Read});
+  Receiver waiting(new RecordingReceiver), later(new RecordingReceiver);
+  const int id = cache_->find(Key("a"), waiting.get());
+  ASSERT_TRUE(IoFaultInjection::WaitHeld(1));
+  cache_->cancel(id);
+  EXPECT_EQ(waiting->count(), 1u);
+  EXPECT_EQ(waiting->calls()[0].kind, ReceiverCall::Cancelled);
+  IoFaultInjection::ReleaseHeld();
+  EXPECT_EQ(cache_->find(Key("a"), later.get()), id);  // joins the read or hits its result
+  EXPECT_EQ(OnlyCall(later).kind, ReceiverCall::Found);
+  EXPECT_EQ(waiting->count(), 1u);
+  EXPECT_EQ(stats().fileReads, 1);
+}
+
 TEST_F(CacheLookupTest, FindCreateReadsAFileEntryInsteadOfCreating) {
   openWithFileOnlyEntry();
   Receiver receiver(new RecordingReceiver);
