@@ -25,9 +25,10 @@ std::unique_ptr<UringEngine> UringEngine::Create(int threads) {
   if (error == 0) error = -io_uring_queue_init(kRingEntries, &engine->ring_, 0);
   if (error != 0) throw ExSystem(error, kRaiseIoUringSetup);
   engine->ringReady_ = true;
-  // The completion queue is at least as large as the submission queue; never
-  // having more in flight than it holds means no completion is ever dropped.
-  engine->maxInFlight_ = engine->ring_.cq.ring_entries;
+  // Never more in flight than the completion queue holds, less room for the
+  // engine's own no-ops (at most one wake-up and the stop), so no completion
+  // ever waits for room.
+  engine->maxInFlight_ = engine->ring_.cq.ring_entries - 4;
   try {
     for (int i = 0; i < threads; ++i)
       engine->threads_.emplace_back([e = engine.get(), i] { e->completionLoop(i); });
