@@ -34,4 +34,11 @@ class FloorReporter : public benchmark::ConsoleReporter {
   std::map<std::string, double> times_;
 };
 
+// Runs the benchmarks selected on the command line through `reporter`.
+inline void RunBenchmarks(int argc, char** argv, FloorReporter& reporter) {
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+}
+
 }  // namespace TarnBench

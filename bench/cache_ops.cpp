@@ -283,10 +283,8 @@ class RatioReporter : public TarnBench::FloorReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
   RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  TarnBench::RunBenchmarks(argc, argv, reporter);
   memoryCache.reset();
   fileCache.reset();
   for (const char* name : {"insert.tarn", "memory.tarn", "file.tarn", "create.tarn"}) {

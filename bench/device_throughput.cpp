@@ -204,10 +204,8 @@ class RatioReporter : public TarnBench::FloorReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
   RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  TarnBench::RunBenchmarks(argc, argv, reporter);
   unlink(ScratchFile().c_str());
   return 0;
 }

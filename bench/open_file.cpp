@@ -167,10 +167,8 @@ class RatioReporter : public TarnBench::FloorReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
   RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  TarnBench::RunBenchmarks(argc, argv, reporter);
   const std::string& file = BenchFile();
   unlink(file.c_str());
   rmdir(file.substr(0, file.rfind('/')).c_str());
