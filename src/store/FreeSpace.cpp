@@ -1,99 +1,126 @@
 #include "store/FreeSpace.h"
 
-#include <algorithm>
+#include <cassert>
+#include <cstdio>
 #include <iterator>
 
 namespace Tarn {
 
 namespace {
 
-// Offsets are ordered as signed 32-bit numbers, as everywhere the file store
-// sorts or compares them; files stay below 2 GiB, where both orders agree.
-bool Before(uint32_t a, uint32_t b) {
-  return static_cast<int32_t>(a) < static_cast<int32_t>(b);
+uint64_t EndOf(uint32_t offset, uint32_t length) {
+  return uint64_t{offset} + length;
 }
 
-// The walk of AddRange from the first range, whose offset lies before
-// `offset`: it stops at the first range that ends where the new one starts,
-// or at the first range (after the one it is on) that does not start before
-// it. On a list that is not in offset order it may stop early; that is
-// accepted, the next open merges whatever stayed split.
-void InsertAfterFirst(uint32_t offset, uint32_t length, std::list<FileRange>& list) {
-  auto range = list.begin();
-  for (;;) {
-    if (range->end() == offset) {
-      range->length += length;
-      const auto next = std::next(range);
-      if (next != list.end() && range->end() == next->offset) {
-        range->length += next->length;
-        list.erase(next);
-      }
-      return;
-    }
-    if (++range == list.end()) {
-      list.push_back({offset, length});
-      return;
-    }
-    if (Before(range->offset, offset)) continue;
-    if (offset + length == range->offset) {
-      *range = {offset, range->length + length};
-    } else {
-      list.insert(range, {offset, length});
-    }
-    return;
-  }
+std::string Broken(const char* what, uint32_t offset, uint32_t length) {
+  return std::string(what) + ": [" + std::to_string(offset) + ", " +
+         std::to_string(EndOf(offset, length)) + ")";
 }
 
 }  // namespace
 
-void AddRange(uint32_t offset, uint32_t length, std::list<FileRange>& list) {
-  if (list.empty()) {
-    list.push_back({offset, length});
-    return;
-  }
-  FileRange& first = list.front();
-  // Only the first range is checked for a repeat: the open may offer the
-  // range that starts the list again, and it must not be counted twice.
-  if (offset == first.offset) return;
-  if (Before(offset, first.offset)) {
-    if (offset + length == first.offset) {
-      first = {offset, first.length + length};
-    } else {
-      list.push_front({offset, length});
-    }
-    return;
-  }
-  InsertAfterFirst(offset, length, list);
-}
+bool FreeSpace::add(uint32_t offset, uint32_t length) {
+  const uint64_t end = EndOf(offset, length);
+  if (length == 0 || end > kEndLimit) return false;
+  auto next = byOffset_.lower_bound(offset);
+  const bool hasPrevious = next != byOffset_.begin();
+  const auto previous = hasPrevious ? std::prev(next) : byOffset_.end();
+  // A range released twice would hand the same bytes to two entries; it
+  // is refused before anything changes.
+  if (next != byOffset_.end() && next->first < end) return false;
+  if (hasPrevious && EndOf(previous->first, previous->second) > offset) return false;
 
-void FreeSpace::add(uint32_t offset, uint32_t length) {
-  AddRange(offset, length, ranges_);
-  bySize_ = false;
+  uint32_t begin = offset;
+  uint64_t stop = end;
+  if (hasPrevious && EndOf(previous->first, previous->second) == offset) {
+    begin = previous->first;
+    eraseRange(previous);
+  }
+  if (next != byOffset_.end() && next->first == end) {
+    stop = EndOf(next->first, next->second);
+    next = eraseRange(next);
+  }
+  insertRange(next, begin, static_cast<uint32_t>(stop - begin));
+  totalBytes_ += length;
+  checkAfterChange();
+  return true;
 }
 
 std::optional<FileRange> FreeSpace::take(uint32_t want) {
-  if (!bySize_) {
-    // std::list::sort is stable: equally long ranges keep their order, so
-    // the first of them in the list is the one taken.
-    ranges_.sort([](const FileRange& a, const FileRange& b) { return a.length < b.length; });
-    bySize_ = true;
+  if (want == 0) return std::nullopt;
+  // The first pair not less than (want, 0): the shortest range that fits,
+  // and of equally short ones the lowest offset.
+  const auto fit = bySize_.lower_bound({want, 0});
+  if (fit == bySize_.end()) return std::nullopt;
+  const auto [length, offset] = *fit;
+  const auto next = eraseRange(byOffset_.find(offset));
+  uint32_t taken = length;
+  if (uint64_t{want} + minAllocation_ < length) {
+    // The tail keeps the range's place between neighbours that were not
+    // free, so it needs no merge.
+    taken = want;
+    insertRange(next, offset + want, length - want);
   }
-  const auto fit = std::lower_bound(
-      ranges_.begin(), ranges_.end(), want,
-      [](const FileRange& range, uint32_t length) { return range.length < length; });
-  if (fit == ranges_.end()) return std::nullopt;
-  const FileRange found = *fit;
-  ranges_.erase(fit);
-  // A tail no longer than minAllocation is not worth a list entry; it goes
-  // with the allocation unrecorded until the next open finds it as a gap.
-  if (uint64_t{want} + minAllocation_ < found.length) add(found.offset + want, found.length - want);
-  return FileRange{found.offset, want};
+  totalBytes_ -= taken;
+  checkAfterChange();
+  return FileRange{offset, taken};
 }
 
-uint64_t FreeSpace::totalBytes() const {
+std::vector<FileRange> FreeSpace::ranges() const {
+  std::vector<FileRange> list;
+  list.reserve(byOffset_.size());
+  for (const auto& [offset, length] : byOffset_) list.push_back({offset, length});
+  return list;
+}
+
+std::string FreeSpace::checkInvariants() const {
+  if (bySize_.size() != byOffset_.size()) {
+    return "the offset map holds " + std::to_string(byOffset_.size()) + " ranges, the size index " +
+           std::to_string(bySize_.size());
+  }
   uint64_t total = 0;
-  for (const FileRange& range : ranges_) total += range.length;
-  return total;
+  uint64_t previousEnd = 0;
+  for (const auto& [offset, length] : byOffset_) {
+    if (length == 0) return Broken("an empty range", offset, length);
+    if (EndOf(offset, length) > kEndLimit) return Broken("a range past the limit", offset, length);
+    if (total != 0 && offset <= previousEnd) {  // total is 0 only at the first
+      return Broken("a range overlaps or touches the one before it", offset, length);
+    }
+    // With equal sizes and every range found, the two hold the same ranges.
+    if (bySize_.count({length, offset}) == 0) {
+      return Broken("a range missing from the size index", offset, length);
+    }
+    total += length;
+    previousEnd = EndOf(offset, length);
+  }
+  if (total != totalBytes_) {
+    return "the ranges hold " + std::to_string(total) + " bytes, the total says " +
+           std::to_string(totalBytes_);
+  }
+  return {};
+}
+
+void FreeSpace::insertRange(OffsetMap::const_iterator hint, uint32_t offset, uint32_t length) {
+  byOffset_.emplace_hint(hint, offset, length);
+  bySize_.emplace(length, offset);
+}
+
+FreeSpace::OffsetMap::iterator FreeSpace::eraseRange(OffsetMap::iterator range) {
+  bySize_.erase({range->second, range->first});
+  return byOffset_.erase(range);
+}
+
+// A full walk after every change would make each change O(n); one walk per
+// as many changes as there are ranges costs O(1) amortised and still checks
+// small structures, as tests build them, after every change.
+void FreeSpace::checkAfterChange() {
+#ifndef NDEBUG
+  if (++changesSinceCheck_ < byOffset_.size()) return;
+  changesSinceCheck_ = 0;
+  const std::string broken = checkInvariants();
+  if (!broken.empty()) std::fprintf(stderr, "FreeSpace: %s\n", broken.c_str());
+  assert(broken.empty());
+#endif
 }
 
 }  // namespace Tarn

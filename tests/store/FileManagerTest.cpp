@@ -129,7 +129,7 @@ TEST_F(FileManagerTest, IndexBuiltFromExistingEntries) {
   const struct {
     std::vector<std::pair<const char*, uint32_t>> entries;
     int count;
-    std::list<Tarn::FileRange> free;
+    std::vector<Tarn::FileRange> free;
   } cases[] = {
       {{{"a", 262'960}, {"b", 263'472}}, 2, {{263'216, 256}}},
       {{{"a", 262'960}, {"a", 263'216}}, 1, {}},
