@@ -22,7 +22,7 @@ std::string Broken(const char* what, uint32_t offset, uint32_t length) {
 bool FreeSpace::add(uint32_t offset, uint32_t length) {
   const uint64_t end = EndOf(offset, length);
   if (length == 0 || end > kEndLimit) return false;
-  auto next = byOffset_.lower_bound(offset);
+  const auto next = byOffset_.lower_bound(offset);
   const bool hasPrevious = next != byOffset_.begin();
   const auto previous = hasPrevious ? std::prev(next) : byOffset_.end();
   // A range released twice would hand the same bytes to two entries; it
@@ -30,17 +30,17 @@ bool FreeSpace::add(uint32_t offset, uint32_t length) {
   if (next != byOffset_.end() && next->first < end) return false;
   if (hasPrevious && EndOf(previous->first, previous->second) > offset) return false;
 
-  uint32_t begin = offset;
-  uint64_t stop = end;
-  if (hasPrevious && EndOf(previous->first, previous->second) == offset) {
-    begin = previous->first;
-    eraseRange(previous);
+  const bool mergesPrevious = hasPrevious && EndOf(previous->first, previous->second) == offset;
+  const bool mergesNext = next != byOffset_.end() && next->first == end;
+  if (mergesPrevious) {
+    const uint64_t stop = mergesNext ? EndOf(next->first, next->second) : end;
+    if (mergesNext) eraseRange(next);
+    reshape(previous, previous->first, static_cast<uint32_t>(stop - previous->first));
+  } else if (mergesNext) {
+    reshape(next, offset, static_cast<uint32_t>(EndOf(next->first, next->second) - offset));
+  } else {
+    insertRange(next, offset, length);
   }
-  if (next != byOffset_.end() && next->first == end) {
-    stop = EndOf(next->first, next->second);
-    next = eraseRange(next);
-  }
-  insertRange(next, begin, static_cast<uint32_t>(stop - begin));
   totalBytes_ += length;
   checkAfterChange();
   return true;
@@ -53,13 +53,16 @@ std::optional<FileRange> FreeSpace::take(uint32_t want) {
   const auto fit = bySize_.lower_bound({want, 0});
   if (fit == bySize_.end()) return std::nullopt;
   const auto [length, offset] = *fit;
-  const auto next = eraseRange(byOffset_.find(offset));
+  const auto range = byOffset_.find(offset);
   uint32_t taken = length;
   if (uint64_t{want} + minAllocation_ < length) {
     // The tail keeps the range's place between neighbours that were not
     // free, so it needs no merge.
     taken = want;
-    insertRange(next, offset + want, length - want);
+    reshape(range, offset + want, length - want);
+  } else {
+    bySize_.erase(fit);
+    byOffset_.erase(range);
   }
   totalBytes_ -= taken;
   checkAfterChange();
@@ -105,9 +108,26 @@ void FreeSpace::insertRange(OffsetMap::const_iterator hint, uint32_t offset, uin
   bySize_.emplace(length, offset);
 }
 
-FreeSpace::OffsetMap::iterator FreeSpace::eraseRange(OffsetMap::iterator range) {
+void FreeSpace::eraseRange(OffsetMap::iterator range) {
   bySize_.erase({range->second, range->first});
-  return byOffset_.erase(range);
+  byOffset_.erase(range);
+}
+
+// Moves the range's nodes instead of erasing and inserting: no allocation,
+// and the offset map's insertion starts from its old place.
+void FreeSpace::reshape(OffsetMap::iterator range, uint32_t offset, uint32_t length) {
+  auto sized = bySize_.extract({range->second, range->first});
+  sized.value() = {length, offset};
+  bySize_.insert(std::move(sized));
+  if (range->first == offset) {
+    range->second = length;
+    return;
+  }
+  const auto next = std::next(range);
+  auto placed = byOffset_.extract(range);
+  placed.key() = offset;
+  placed.mapped() = length;
+  byOffset_.insert(next, std::move(placed));
 }
 
 // A full walk after every change would make each change O(n); one walk per

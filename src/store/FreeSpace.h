@@ -89,7 +89,10 @@ class FreeSpace {
   using SizeIndex = std::set<std::pair<uint32_t, uint32_t>>;  // (length, offset)
 
   void insertRange(OffsetMap::const_iterator hint, uint32_t offset, uint32_t length);
-  OffsetMap::iterator eraseRange(OffsetMap::iterator range);
+  void eraseRange(OffsetMap::iterator range);
+  // Gives `range` a new start and length; the new start must keep the
+  // range's place in offset order.
+  void reshape(OffsetMap::iterator range, uint32_t offset, uint32_t length);
   void checkAfterChange();
 
   uint32_t minAllocation_;
