@@ -82,6 +82,7 @@ void FileManager::checkInvariants() {
   Pt::MutexLock guard(lock_);
   std::set<uint32_t> slots(freeEntryHeaders_.begin(), freeEntryHeaders_.end());
   assert(slots.size() == freeEntryHeaders_.size());
+  assert(freeSpace_.checkInvariants().empty());
   std::vector<FileRange> claimed = freeSpace_.ranges();
   const auto own = [&](const EntryInfo& info) {
     assert(slots.insert(info.headerOffset).second);
