@@ -88,6 +88,12 @@ inline constexpr RaiseSite kReadEntryFailed{kMsgFileReadEntry, {kSrcReadEntryRec
 // The read completed but decode, or the insert after it, threw.
 inline constexpr RaiseSite kReadEntryRebuild{kMsgFileReadEntry, {kSrcReadEntryReceiver, 82}};
 
+// The group sync that was to make a completed write durable failed; the
+// ExSystem is the cause carried by the failure of the write it covered.
+inline constexpr RaiseSite kWriteEntrySync{kSystemError, {kSrcWriteEntryReceiver, 110}};
+inline constexpr RaiseSite kWriteExtentSync{kSystemError, {kSrcWriteExtentReceiver, 92}};
+inline constexpr RaiseSite kDeleteSync{kSystemError, {kSrcDeleteEntryReceiver, 90}};
+
 // Space allocation: growing the file would take it to 2 GiB, beyond which
 // its 32-bit offsets could not be handed to the device.
 inline constexpr RaiseSite kGrowFileTooLarge{kSystemError, {kSrcFileManager, 1204}};
@@ -145,6 +151,9 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kWriteEntryHeaderFailed,
     kWriteExtentFailed,
     kWriteExtentHeaderFailed,
+    kWriteEntrySync,
+    kWriteExtentSync,
+    kDeleteSync,
     kDeleteHeaderFailed,
     kReadEntryFailed,
     kReadEntryRebuild,

@@ -43,6 +43,7 @@ class DeviceCore {
 
   int64_t length() const;
   void flush();
+  void sync();
   int descriptor() const noexcept { return fd_; }
 
  private:

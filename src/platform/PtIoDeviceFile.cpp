@@ -61,6 +61,10 @@ void PtIoDeviceFile::flush() const {
   core_->flush();
 }
 
+void PtIoDeviceFile::sync() const {
+  core_->sync();
+}
+
 int PtIoDeviceFile::descriptor() const noexcept {
   return core_->descriptor();
 }
@@ -179,6 +183,10 @@ void DeviceCore::flush() {
     dropDrainedEpochs();
     flushed_.wait(guard, [&] { return baseEpoch_ > target; });
   }
+  sync();
+}
+
+void DeviceCore::sync() {
   if (fdatasync(fd_) != 0) throw ExSystem(errno, kRaiseDeviceFlush);
 }
 

@@ -9,7 +9,6 @@
 #include "core/ConfigRules.h"
 #include "core/RaiseSites.h"
 #include "store/CacheFileLoader.h"
-#include "store/FileReceiverBase.h"
 #include "store/NativePath.h"
 #include "tarn/CacheFile.h"
 #include "tarn/Exceptions.h"
@@ -44,7 +43,9 @@ class FileManager::Loader : public CacheFileLoader::Visitor {
     // A second live header of the same key keeps its slot and its space,
     // but only the first one met is indexed; its secondary key still lists it.
     const bool added =
-        store_.entries_.try_emplace(primary, EntryInfo{header, slotOffset, NextSerial(), false})
+        store_.entries_
+            .try_emplace(primary,
+                         EntryInfo{header, slotOffset, NextSerial(), Stage::Settled, {}, {}})
             .second;
     if (!added) store_.secondaryIndex_.addDuplicate(header.secondaryKeyValue(), primary);
   }
@@ -67,10 +68,12 @@ FileManager::FileManager(const wchar_t* path, CacheManager* owner, const Config&
   load(fileLock_.descriptor());
   device_ = Pt::PtIoDeviceFile::Create(path, Pt::PtIoDeviceFile::ReadWrite);
   fileEnd_.store(device_->length());
+  groupSync_ = std::make_unique<GroupSync>(device_, !config.relaxedOrdering);
 }
 
 FileManager::~FileManager() {
-  FileReceiverBase::waitForAll();
+  operations_.waitAll();
+  groupSync_.reset();
   try {
     device_->flush();
   } catch (const Pt::Exception& failure) {
@@ -126,7 +129,7 @@ void FileManager::registerTypes(int fd, uint32_t typeTableOffset) {
 }
 
 void FileManager::commit() {
-  FileReceiverBase::waitForAll();
+  operations_.waitThrough(operations_.lastStarted());
   device_->flush();
 }
 

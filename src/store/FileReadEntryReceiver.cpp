@@ -9,8 +9,10 @@ namespace Tarn {
 FileReadEntryReceiver::FileReadEntryReceiver(CacheManager* manager,
                                              const Pt::SmartPointer<CacheableFactory>& factory,
                                              const PrimaryKey& primaryKey,
-                                             const SecondaryKey& secondaryKey, int32_t requestId)
-    : manager_(manager),
+                                             const SecondaryKey& secondaryKey, int32_t requestId,
+                                             FileOperationRef operation)
+    : FileReceiverBase(std::move(operation)),
+      manager_(manager),
       factory_(factory),
       primaryKey_(primaryKey),
       secondaryKey_(secondaryKey),

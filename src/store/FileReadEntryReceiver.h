@@ -21,7 +21,7 @@ class FileReadEntryReceiver : public FileReceiverBase {
   // before it is destroyed.
   FileReadEntryReceiver(CacheManager* manager, const Pt::SmartPointer<CacheableFactory>& factory,
                         const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
-                        int32_t requestId);
+                        int32_t requestId, FileOperationRef operation);
 
   void ioCompleted(Pt::IoRequest& request) override;
   void ioFailed(Pt::IoRequest& request, const Pt::Exception& cause) override;

@@ -158,7 +158,7 @@ TEST_F(FileManagerTest, FirstAllocationsAreByteExactAndReleasedSpaceIsReusedFirs
   EXPECT_EQ(store->allocateEntryHeader(), 880u);
   store->allocateData(300, other, allocated);
   EXPECT_EQ(std::pair(other, allocated), std::pair(263'216u, 304u));
-  store->releaseEntry(816, offset, 256);
+  store->releaseSpace(816, offset, 256);
   EXPECT_EQ(store->allocateEntryHeader(), 816u);
   store->allocateData(0, other, allocated);
   EXPECT_EQ(other, offset);
