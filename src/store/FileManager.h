@@ -123,7 +123,9 @@ class FileManager {
   void findPrimaryKeys(const SecondaryKey& secondaryKey, std::vector<PrimaryKey>& primaryKeys);
 
   // Entries. write enters the entry in the tables (visible at once) and
-  // queues its data; the header follows once the data is on disk. It throws
+  // queues its data; the header follows once the data is on disk. While
+  // 32 MiB of entry writes are queued, write waits for some of them to end
+  // before it takes anything, so the backlog stays bounded. It throws
   // std::invalid_argument for a key already stored or a bad key length,
   // ExFactoryClassNotFound for a type the file does not know, Pt::ExSystem
   // when space or the request cannot be had. Before the queueing nothing is
@@ -168,8 +170,9 @@ class FileManager {
   int32_t writeFailures() const { return writeFailures_.load(std::memory_order_relaxed); }
   // Whether dependent writes wait for durability (see the class comment).
   bool durableOrdering() const { return groupSync_->durable(); }
-  // Operations of this file not yet ended (tests).
+  // Operations of this file not yet ended, and group syncs done (tests).
   size_t openOperations() { return operations_.openCount(); }
+  uint64_t groupSyncs() { return groupSync_->syncCount(); }
 
   // The next serial of the process-wide counter.
   static uint32_t NextSerial();

@@ -3,6 +3,7 @@
 // of the lock and then queues its write, so that the file never holds a
 // header that points at data not yet durable, nor two live headers for one
 // key.
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -14,12 +15,22 @@
 #include "tarn/Exceptions.h"
 
 namespace Tarn {
+namespace {
+
+// Bytes of entry writes that may be queued before write() waits for some to
+// end. Each write is charged at least kMinWriteCharge, so the count of queued
+// writes is bounded too.
+constexpr uint64_t kWriteBacklogBytes = uint64_t{32} << 20;
+constexpr uint64_t kMinWriteCharge = 1024;
+
+}  // namespace
 
 void FileManager::write(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
                         const std::string& type, int32_t length, const uint8_t* data) {
   if (length < 0 || (length > 0 && data == nullptr)) {
     throw std::invalid_argument("FileManager::write: no data");
   }
+  operations_.waitForRoom(kWriteBacklogBytes);
   EntryInfo info;
   {
     Pt::MutexLock guard(lock_);
@@ -50,7 +61,8 @@ FileManager::EntryInfo FileManager::reserveEntry(const PrimaryKey& primaryKey,
   // Validates both key lengths before anything is taken.
   EntryHeader header =
       EntryHeader::ForEntry(static_cast<uint16_t>(id), primaryKey, secondaryKey, 0, length, 0);
-  FileOperationRef operation = operations_.begin();
+  FileOperationRef operation =
+      operations_.begin(std::max<uint64_t>(length, kMinWriteCharge) + kEntryHeaderSize);
   const uint32_t slot = allocateEntryHeader();
   try {
     allocateData(length, header.dataOffset, header.allocatedLength);

@@ -3,17 +3,26 @@
 namespace Tarn {
 
 FileOperation::~FileOperation() {
-  owner_->end(ticket_);
+  owner_->end(ticket_, bytes_);
 }
 
-FileOperationRef FileOperations::begin() {
+FileOperationRef FileOperations::begin(uint64_t bytes) {
   Pt::MutexLock guard(lock_);
   const uint64_t ticket = next_;
   // The object exists before its ticket is entered, so a throw enters nothing.
-  FileOperationRef operation(new FileOperation(this, ticket));
+  FileOperationRef operation(new FileOperation(this, ticket, bytes));
   open_.insert(open_.end(), ticket);
   ++next_;
+  openBytes_ += bytes;
   return operation;
+}
+
+void FileOperations::waitForRoom(uint64_t limit) {
+  Pt::MutexLock guard(lock_);
+  if (openBytes_ <= limit) return;
+  ++waiters_;
+  while (openBytes_ > limit) ended_.wait_(lock_, -1);
+  --waiters_;
 }
 
 uint64_t FileOperations::lastStarted() {
@@ -21,11 +30,12 @@ uint64_t FileOperations::lastStarted() {
   return next_ - 1;
 }
 
-void FileOperations::end(uint64_t ticket) {
+void FileOperations::end(uint64_t ticket, uint64_t bytes) {
   // The waiter is woken while the lock is held, so it cannot return (and
   // destroy this object) before this call is done with it.
   Pt::MutexLock guard(lock_);
   open_.erase(ticket);
+  openBytes_ -= bytes;
   if (waiters_ > 0) ended_.broadcast();
 }
 

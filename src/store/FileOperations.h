@@ -13,8 +13,14 @@
 // the operations that had started when it was called (waitThrough), not for
 // the ones that start while it waits; the store's destructor waits for all.
 //
-// Invariant (under lock_): open_ holds exactly the tickets of the operations
-// alive now, each below next_.
+// An operation may be charged with the bytes it writes. waitForRoom() holds a
+// writer back while the bytes charged to open operations exceed a bound, so
+// the backlog of queued writes (and the memory and the wait behind them)
+// stays bounded however fast writers are; a commit() then waits at most for
+// that backlog.
+//
+// Invariants (under lock_): open_ holds exactly the tickets of the operations
+// alive now, each below next_; openBytes_ is the sum of their charges.
 //
 // Thread-safety: every member may be called from any thread. lock_ is a leaf:
 // nothing else is taken while it is held. Never wait from a step of an
@@ -35,7 +41,8 @@ class FileOperations;
 
 class FileOperation : public Pt::SmartPointerBase {
  public:
-  FileOperation(FileOperations* owner, uint64_t ticket) : owner_(owner), ticket_(ticket) {}
+  FileOperation(FileOperations* owner, uint64_t ticket, uint64_t bytes)
+      : owner_(owner), ticket_(ticket), bytes_(bytes) {}
   ~FileOperation() override;
   FileOperation(const FileOperation&) = delete;
   FileOperation& operator=(const FileOperation&) = delete;
@@ -45,6 +52,7 @@ class FileOperation : public Pt::SmartPointerBase {
  private:
   FileOperations* const owner_;
   const uint64_t ticket_;
+  const uint64_t bytes_;
 };
 
 using FileOperationRef = Pt::SmartPointer<FileOperation>;
@@ -55,9 +63,12 @@ class FileOperations {
   FileOperations(const FileOperations&) = delete;
   FileOperations& operator=(const FileOperations&) = delete;
 
-  // Starts an operation; it ends when the last reference to it goes.
-  // Throws std::bad_alloc and then starts nothing.
-  FileOperationRef begin();
+  // Starts an operation charged with `bytes`; it ends when the last
+  // reference to it goes. Throws std::bad_alloc and then starts nothing.
+  FileOperationRef begin(uint64_t bytes = 0);
+  // Blocks while the bytes charged to open operations exceed `limit`. Call it
+  // holding no lock that a step of an operation takes.
+  void waitForRoom(uint64_t limit);
   // The ticket of the newest operation started so far (0: none).
   uint64_t lastStarted();
   // Blocks until every operation with a ticket up to `ticket` has ended.
@@ -69,12 +80,13 @@ class FileOperations {
 
  private:
   friend class FileOperation;
-  void end(uint64_t ticket);
+  void end(uint64_t ticket, uint64_t bytes);
 
   Pt::Mutex lock_;
   Pt::CondVar ended_;
   std::set<uint64_t> open_ PT_GUARDED_BY(lock_);
   uint64_t next_ PT_GUARDED_BY(lock_) = 1;
+  uint64_t openBytes_ PT_GUARDED_BY(lock_) = 0;
   int waiters_ PT_GUARDED_BY(lock_) = 0;
 };
 
