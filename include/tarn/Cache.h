@@ -88,8 +88,20 @@ class TARN_EXPORT Cache {
   void cancelAll();
   // Whether the key is in memory, in progress, or in the file.
   bool isCached(const CacheKey<32>& primaryKey);
-  // Waits until every file request issued so far is done, then flushes.
+  // Waits until every file operation this cache had issued when it was
+  // called (an insert's data and header, an erase's zero header, an
+  // extent and its link) is done, then flushes the file: everything issued
+  // before commit() survives a crash, and, unless Config::relaxedOrdering is
+  // set, a power loss. Operations issued while it waits are not waited for,
+  // so it returns while other threads keep inserting. Throws Pt::ExSystem
+  // when the flush fails.
   void commit();
+  // Writes to the cache file that failed since the open (data, entry header,
+  // zero header, extent, link, or the sync meant to make one durable). A
+  // count that grew since the last commit() means that something issued
+  // before it may not be in the file; the objects concerned stay served from
+  // memory while they are held there.
+  int32_t fileWriteFailures();
   Statistics& statistics(Statistics& statistics);
 
  private:

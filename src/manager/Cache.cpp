@@ -92,6 +92,10 @@ void Cache::commit() {
   manager_->fileManager().commit();
 }
 
+int32_t Cache::fileWriteFailures() {
+  return manager_->fileManager().writeFailures();
+}
+
 Statistics& Cache::statistics(Statistics& statistics) {
   return manager_->statistics(statistics);
 }
