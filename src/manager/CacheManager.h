@@ -9,8 +9,9 @@
 // lock is still held, after which the index lock is released: a thread that
 // holds the file lock never waits for the index lock), then the file store's
 // own lock or the work manager's. Client code that runs under a manager lock:
-// verify, size and encode of the object being inserted, size and the
-// destructor of an object leaving memory, and factories' getType.
+// verify, size and encode of the object being inserted, the destructor of an
+// object leaving memory, and factories' getType. Whatever the first three
+// throw ends the insert's waiting receivers with failed() and frees the slot.
 //
 // Thread-safety: every public operation may be called from any thread, and
 // from inside receivers' callbacks.
