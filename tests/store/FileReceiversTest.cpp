@@ -9,11 +9,13 @@
 #include <typeinfo>
 #include <vector>
 
+#include "core/RaiseSites.h"
 #include "platform/IoFaultInjection.h"
 #include "pt/Platform.h"
 #include "pt/PtIoDeviceFile.h"
 #include "store/FileDeleteEntryReceiver.h"
 #include "store/FileFormat.h"
+#include "store/FileReadEntryReceiver.h"
 #include "store/FileReceiverBase.h"
 #include "store/FileWriteExtentHeaderReceiver.h"
 #include "store/FileWriteExtentReceiver.h"
@@ -182,6 +184,66 @@ TEST_F(FileReceivers, FailedWritesArePostedWithTheirClassAndLine) {
     EXPECT_EQ(cause->code(), test.error);
     EXPECT_EQ(fileBytes(kNew, kExtentBlockSize), test.extent);
     EXPECT_EQ(fileBytes(kPrevious, kExtentHeaderSize), kOldHeader);
+  }
+}
+
+}  // namespace
+}  // namespace Tarn
+
+namespace Tarn {
+namespace {
+
+// A device that keeps what it is given, or refuses it as a full queue would.
+class KeepingDevice : public Pt::IoDevice {
+ public:
+  explicit KeepingDevice(bool refuse) : refuse_(refuse) {}
+  void read(const SmartPointer<IoRequest>& request) override {
+    if (refuse_) throw Pt::ExSystem(EAGAIN, Pt::ExWhere{"test/KeepingDevice", 1});
+    kept.push_back(request);
+  }
+  void write(const SmartPointer<IoRequest>& request) override { kept.push_back(request); }
+  std::vector<SmartPointer<IoRequest>> kept;
+
+ private:
+  const bool refuse_;
+};
+
+// A read that is never queued (a damaged length, a refusing device) leaves
+// no receiver behind: the process-wide count that commit() and the
+// destructor wait on falls back at once.
+TEST(FileReadEntryQueue, RefusedReadLeavesNoReceiverCounted) {
+  const struct {
+    const char* what;
+    uint32_t dataLength, allocatedLength;
+    bool refuse;
+    int line;  // where the exception was raised; 0 for a read that is queued
+  } cases[] = {
+      {"length within the allocation", 100, 112, false, 0},
+      {"length past the allocation", 113, 112, false, kReadEntryDamaged.where.line},
+      {"length of 2 GiB", 0x80000000u, 0x80000000u, false, kReadEntryDamaged.where.line},
+      {"largest length", 0xFFFFFFFFu, 0xFFFFFFFFu, false, kReadEntryDamaged.where.line},
+      {"device refuses", 100, 112, true, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const int32_t before = FileReceiverBase::pendingCount();
+    SmartPointer<KeepingDevice> device(new KeepingDevice(c.refuse));
+    EntryHeader header;
+    header.dataOffset = kInitialFileSize;
+    header.dataLength = c.dataLength;
+    header.allocatedLength = c.allocatedLength;
+    int line = 0;
+    try {
+      FileReadEntryReceiver::Queue(*device, header,
+                                   SmartPointer<FileReadEntryReceiver>(new FileReadEntryReceiver(
+                                       nullptr, nullptr, PrimaryKey::FromString("k"), {}, 1)));
+    } catch (const Pt::Exception& error) {
+      line = error.where().line;
+    }
+    EXPECT_EQ(line, c.line);
+    EXPECT_EQ(FileReceiverBase::pendingCount(), before + (c.line == 0 ? 1 : 0));
+    device->kept.clear();  // a kept request ends its receiver when released
+    EXPECT_EQ(FileReceiverBase::pendingCount(), before);
   }
 }
 
