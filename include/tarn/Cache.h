@@ -61,7 +61,10 @@ class TARN_EXPORT Cache {
   // Holds `cacheable` in memory and writes it to the file unless the file
   // holds the key already; receivers waiting for the key get it. An object
   // that fails verify() is not kept (nobody is told but waiting receivers).
-  // Throws ExFactoryClassNotFound when no factory serves its type.
+  // Nor is one whose verify(), size() or encode() throws: waiting receivers
+  // hear failed() (anything but a Pt::Exception wrapped in one) and the
+  // exception passes on to the caller. Throws ExFactoryClassNotFound when no
+  // factory serves its type.
   void insert(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
               Cacheable* cacheable);
   // Looks the key up in memory, among requests in progress, then in the file.

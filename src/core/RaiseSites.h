@@ -115,13 +115,22 @@ inline constexpr const wchar_t* kGenerateNoObjectMessage =
 // A receiver's callback threw something other than a Pt::Exception; it is
 // posted with this location and the thrown text.
 inline constexpr RaiseSite kReceiverThrew{kOwnMessage, {kSrcManager, 1350}};
-// A work request's run() or handleException() threw something the worker
-// cannot hand to the request; it is posted with this location.
+// A work request's handleException() threw something that is not a
+// Pt::Exception; it is posted with this location.
 inline constexpr RaiseSite kWorkRequestThrew{kOwnMessage, {kSrcWorkManager, 120}};
 // An entry read whose factory's decode() returned no object.
 inline constexpr RaiseSite kDecodeNoObject{kOwnMessage, {kSrcReadEntryReceiver, 78}};
 inline constexpr const wchar_t* kDecodeNoObjectMessage =
     L"The factory's decode() returned no object!";
+// A factory's create() or decode(), or an object's verify(), size() or
+// encode(), threw something that is not a Pt::Exception; the waiting
+// receivers get it wrapped, with the thrown text after this message.
+inline constexpr RaiseSite kClientThrew{kOwnMessage, {kSrcManager, 1362}};
+inline constexpr const wchar_t* kClientThrewMessage =
+    L"An object or its factory threw an exception that is not a Pt::Exception: ";
+// An entry whose recorded data length exceeds its allocation (or the largest
+// read the device takes) is damaged; its find fails without reading.
+inline constexpr RaiseSite kReadEntryDamaged{kMsgFileReadEntry, {kSrcReadEntryReceiver, 64}};
 
 // All of the above, for checks over the whole table.
 inline constexpr RaiseSite kAllRaiseSites[] = {
@@ -164,6 +173,8 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kDecodeNoObject,
     kReceiverThrew,
     kWorkRequestThrew,
+    kClientThrew,
+    kReadEntryDamaged,
 };
 
 }  // namespace Tarn

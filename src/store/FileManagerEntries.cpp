@@ -286,12 +286,10 @@ void FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
   }
   // A stored type without a factory cannot be rebuilt: the lookup throws.
   const Pt::SmartPointer<CacheableFactory>& factory = factories_->lookup(type);
-  const auto request = Pt::IoRequest::Create(
-      new FileReadEntryReceiver(owner_, factory, primaryKey, header.secondaryKeyValue(), requestId,
-                                operations_.begin()),
-      static_cast<int>(header.dataLength), Pt::IoRequest::Normal);
-  request->setOffset(header.dataOffset);
-  device_->read(request);
+  FileReadEntryReceiver::Queue(
+      *device_, header,
+      Pt::SmartPointer<FileReadEntryReceiver>(new FileReadEntryReceiver(
+          owner_, factory, primaryKey, header.secondaryKeyValue(), requestId, operations_.begin())));
 }
 
 }  // namespace Tarn
