@@ -39,7 +39,7 @@ bool Matches(const IoFaultInjection::Rule& rule, IoRequest& request) {
 }
 
 void Submit(const std::deque<IoRequest*>& requests) {
-  for (IoRequest* request : requests) CurrentIoEngine()->submit(request);
+  for (IoRequest* request : requests) EnterEngine(request);
 }
 
 }  // namespace

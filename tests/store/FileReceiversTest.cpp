@@ -174,7 +174,8 @@ TEST_F(FileReceivers, FailedWritesArePostedWithTheirClassAndLine) {
     FileReceiverBase::waitForAll();
     ASSERT_EQ(posted_.count(), i + 1);
     const std::unique_ptr<Pt::Exception> exception = posted_.at(i);
-    EXPECT_EQ(typeid(*exception), test.type) << exception->what();
+    const Pt::Exception& thrown = *exception;
+    EXPECT_EQ(typeid(thrown), test.type) << exception->what();
     EXPECT_STREQ(exception->where().file, test.file);
     EXPECT_EQ(exception->where().line, test.line);
     const auto* cause = dynamic_cast<const Pt::ExSystem*>(exception->nested());
