@@ -49,8 +49,11 @@ std::vector<IoTrace::Event> IoTrace::Stop() {
   PlainLock lock(trace.mutex);
   on_.store(false);
   trace.recording = false;
+  std::vector<Event> events = std::move(trace.events);
+  trace.events.clear();
+  trace.writes.clear();
   if (trace.incomplete) throw std::bad_alloc();
-  return std::move(trace.events);
+  return events;
 }
 
 size_t IoTrace::FlushCount(int device) {
