@@ -77,9 +77,10 @@ class CacheManager {
                      Pt::UniqueLock& index, Pt::UniqueLock& file) PT_NO_THREAD_SAFETY_ANALYSIS;
   int32_t startGeneration(const PrimaryKey& key, const SecondaryKey& secondaryKey,
                           const Pt::SmartPointer<CacheableFactory>& factory,
-                          const Pt::SmartPointer<CacheableReceiver>& receiver);
-  int32_t allocateSlot(const PrimaryKey& key);
-  void releaseSlot(const PrimaryKey& key, PendingList& out);
+                          const Pt::SmartPointer<CacheableReceiver>& receiver)
+      PT_REQUIRES(indexLock_);
+  int32_t allocateSlot(const PrimaryKey& key) PT_REQUIRES(indexLock_);
+  void releaseSlot(const PrimaryKey& key, PendingList& out) PT_REQUIRES(indexLock_);
   void failInsert(const PrimaryKey& key, PendingList& collected, Pt::UniqueLock& index,
                   const Pt::Exception& error) PT_NO_THREAD_SAFETY_ANALYSIS;
   void storeInFile(const PrimaryKey& key, const SecondaryKey& secondaryKey,
@@ -102,7 +103,7 @@ class CacheManager {
   const Pt::SmartPointer<FactoryManager> factories_;
   Pt::Mutex indexLock_;
   Pt::Mutex fileLock_;
-  SlotTable slots_;  // guarded by indexLock_
+  SlotTable slots_ PT_GUARDED_BY(indexLock_);  // the slot table and its LRU list
   std::unique_ptr<FileManager> fileManager_;
 
   // Counters of the statistics; atomic so that a count made after a lock

@@ -3,11 +3,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <vector>
 
 #include "platform/IoEngine.h"
 #include "platform/PlatformState.h"
+#include "pt/PlainMutex.h"
 
 namespace Pt {
 namespace {
@@ -18,11 +18,11 @@ struct ActiveRule {
 };
 
 struct InjectionState {
-  std::mutex mutex;
+  PlainMutex mutex;
   std::condition_variable heldChanged;
-  std::vector<ActiveRule> rules;
-  std::deque<IoRequest*> held;
-  int ringSetupError = 0;
+  std::vector<ActiveRule> rules PT_GUARDED_BY(mutex);
+  std::deque<IoRequest*> held PT_GUARDED_BY(mutex);
+  int ringSetupError PT_GUARDED_BY(mutex) = 0;
 };
 
 InjectionState& State() {
@@ -39,7 +39,7 @@ bool Matches(const IoFaultInjection::Rule& rule, IoRequest& request) {
 }
 
 void Submit(const std::deque<IoRequest*>& requests) {
-  for (IoRequest* request : requests) CurrentIoEngine()->submit(request);
+  for (IoRequest* request : requests) EnterEngine(request);
 }
 
 }  // namespace
@@ -48,7 +48,7 @@ std::atomic<bool> IoFaultInjection::armed_{false};
 
 int IoFaultInjection::Add(const Rule& rule) {
   InjectionState& state = State();
-  std::lock_guard<std::mutex> guard(state.mutex);
+  PlainLock guard(state.mutex);
   state.rules.push_back({rule, 0});
   armed_.store(true);
   return static_cast<int>(state.rules.size()) - 1;
@@ -56,7 +56,7 @@ int IoFaultInjection::Add(const Rule& rule) {
 
 int IoFaultInjection::Fired(int ruleId) {
   InjectionState& state = State();
-  std::lock_guard<std::mutex> guard(state.mutex);
+  PlainLock guard(state.mutex);
   if (ruleId < 0 || static_cast<size_t>(ruleId) >= state.rules.size()) return 0;
   return state.rules[static_cast<size_t>(ruleId)].fired;
 }
@@ -65,7 +65,7 @@ void IoFaultInjection::Clear() {
   std::deque<IoRequest*> released;
   {
     InjectionState& state = State();
-    std::lock_guard<std::mutex> guard(state.mutex);
+    PlainLock guard(state.mutex);
     state.rules.clear();
     released.swap(state.held);
     armed_.store(false);
@@ -75,14 +75,19 @@ void IoFaultInjection::Clear() {
 
 bool IoFaultInjection::WaitHeld(size_t count, int timeoutMs) {
   InjectionState& state = State();
-  std::unique_lock<std::mutex> guard(state.mutex);
-  return state.heldChanged.wait_for(guard, std::chrono::milliseconds(timeoutMs),
-                                    [&] { return state.held.size() >= count; });
+  PlainLock guard(state.mutex);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (state.held.size() < count) {
+    if (state.heldChanged.wait_until(guard.native(), deadline) == std::cv_status::timeout) {
+      return state.held.size() >= count;
+    }
+  }
+  return true;
 }
 
 size_t IoFaultInjection::HeldCount() {
   InjectionState& state = State();
-  std::lock_guard<std::mutex> guard(state.mutex);
+  PlainLock guard(state.mutex);
   return state.held.size();
 }
 
@@ -90,7 +95,7 @@ void IoFaultInjection::ReleaseHeld(size_t count) {
   std::deque<IoRequest*> released;
   {
     InjectionState& state = State();
-    std::lock_guard<std::mutex> guard(state.mutex);
+    PlainLock guard(state.mutex);
     while (count-- > 0 && !state.held.empty()) {
       released.push_back(state.held.front());
       state.held.pop_front();
@@ -101,19 +106,19 @@ void IoFaultInjection::ReleaseHeld(size_t count) {
 
 void IoFaultInjection::SimulateRingSetupFailure(int error) {
   InjectionState& state = State();
-  std::lock_guard<std::mutex> guard(state.mutex);
+  PlainLock guard(state.mutex);
   state.ringSetupError = error;
 }
 
 int IoFaultInjection::RingSetupError() {
   InjectionState& state = State();
-  std::lock_guard<std::mutex> guard(state.mutex);
+  PlainLock guard(state.mutex);
   return state.ringSetupError;
 }
 
 bool IoFaultInjection::Intercept(IoRequest* request) {
   InjectionState& state = State();
-  std::lock_guard<std::mutex> guard(state.mutex);
+  PlainLock guard(state.mutex);
   for (ActiveRule& active : state.rules) {
     Rule& rule = active.rule;
     if (rule.count == 0 || !Matches(rule, *request)) continue;
