@@ -71,9 +71,11 @@ class FileManager {
   };
 
   // Opens the cache file at `path` (creating it first when it is missing and
-  // `config.createIfMissing` is set), verifies and loads it, gives every
-  // factory's type an id (writing the type table when types are new) and
-  // opens the asynchronous device. Throws Pt::ExSystem, ExUnsupportedFileVersion,
+  // `config.createIfMissing` is set), verifies and loads it, clears on disk
+  // what the load salvaged from a damaged file (the slots of dropped
+  // entries, a link to no extent), gives every factory's type an id (writing
+  // the type table when types are new; both writes are synced before the
+  // open goes on) and opens the asynchronous device. Throws Pt::ExSystem, ExUnsupportedFileVersion,
   // ExFactoryClassNotFound or std::bad_alloc; on a throw nothing of the store
   // survives and the file is unlocked.
   FileManager(const wchar_t* path, CacheManager* owner, const Config& config,
@@ -132,6 +134,9 @@ class FileManager {
   const Pt::SmartPointer<Pt::PtIoDeviceFile>& device() const { return device_; }
   const Pt::SmartPointer<FactoryManager>& factories() const { return factories_; }
   uint32_t minAllocation() const { return minAllocation_; }
+  // The live entries the open dropped from the file as damaged (see
+  // CacheFileLoader); fixed once the store is open.
+  uint32_t droppedEntries() const { return droppedEntries_; }
   // The append frontier; read without the lock (statistics).
   int64_t fileEnd() const { return fileEnd_.load(std::memory_order_relaxed); }
 
@@ -159,8 +164,10 @@ class FileManager {
   const std::string& typeNameLocked(uint32_t id) const PT_REQUIRES(lock_);
   void writeDeleteHeader(uint32_t headerOffset, uint32_t dataOffset, uint32_t allocatedLength)
       PT_REQUIRES(lock_);
-  void load(int fd);
-  void registerTypes(int fd, uint32_t typeTableOffset) PT_REQUIRES(lock_);
+  void load(Pt::SyncFile& file);
+  void repairSalvaged(Pt::SyncFile& file, const std::vector<uint32_t>& droppedSlots,
+                      uint32_t chainCutAt) PT_REQUIRES(lock_);
+  void registerTypes(Pt::SyncFile& file, uint32_t typeTableOffset) PT_REQUIRES(lock_);
   // Advances fileEnd_ by `bytes` and returns where they start; EFBIG when
   // the file would reach 2 GiB.
   uint32_t growFileBy(uint64_t bytes) PT_REQUIRES(lock_);
@@ -170,6 +177,7 @@ class FileManager {
   CacheManager* const owner_;
   const Pt::SmartPointer<FactoryManager> factories_;
   std::atomic<int64_t> fileEnd_{0};
+  uint32_t droppedEntries_ = 0;
   FileLock fileLock_;
   Pt::SmartPointer<Pt::PtIoDeviceFile> device_;
 
