@@ -50,8 +50,8 @@ auto Checked(Outcome& outcome, const ExWhere& where, Call call) {
 // the first one.
 size_t Chunk(Outcome& outcome, size_t rest) {
   if (outcome.shortBytes < 0) return rest;
-  const auto chunk = std::min<size_t>(rest, static_cast<size_t>(std::max<int64_t>(
-                                                outcome.shortBytes, 1)));
+  const auto chunk =
+      std::min<size_t>(rest, static_cast<size_t>(std::max<int64_t>(outcome.shortBytes, 1)));
   outcome.shortBytes = -1;
   return chunk;
 }
@@ -88,14 +88,13 @@ SyncFile& SyncFile::operator=(SyncFile&& other) noexcept {
 }
 
 void SyncFile::readAt(void* out, size_t length, uint64_t offset, const ExWhere& where) const {
-  Outcome outcome = Intercept(Kind::SyncRead, static_cast<int64_t>(offset),
-                              static_cast<int64_t>(length));
+  Outcome outcome =
+      Intercept(Kind::SyncRead, static_cast<int64_t>(offset), static_cast<int64_t>(length));
   auto* next = static_cast<uint8_t*>(out);
   while (length > 0) {
     const size_t chunk = Chunk(outcome, length);
-    const ssize_t got = Checked(outcome, where, [&] {
-      return ::pread(fd_, next, chunk, static_cast<off_t>(offset));
-    });
+    const ssize_t got = Checked(
+        outcome, where, [&] { return ::pread(fd_, next, chunk, static_cast<off_t>(offset)); });
     if (got == 0) throw ExSystem(EIO, where);  // the file ends first
     next += got;
     length -= static_cast<size_t>(got);
@@ -104,14 +103,13 @@ void SyncFile::readAt(void* out, size_t length, uint64_t offset, const ExWhere& 
 }
 
 void SyncFile::writeAt(const void* data, size_t length, uint64_t offset, const ExWhere& where) {
-  Outcome outcome = Intercept(Kind::SyncWrite, static_cast<int64_t>(offset),
-                              static_cast<int64_t>(length));
+  Outcome outcome =
+      Intercept(Kind::SyncWrite, static_cast<int64_t>(offset), static_cast<int64_t>(length));
   const auto* next = static_cast<const uint8_t*>(data);
   while (length > 0) {
     const size_t chunk = Chunk(outcome, length);
-    const ssize_t put = Checked(outcome, where, [&] {
-      return ::pwrite(fd_, next, chunk, static_cast<off_t>(offset));
-    });
+    const ssize_t put = Checked(
+        outcome, where, [&] { return ::pwrite(fd_, next, chunk, static_cast<off_t>(offset)); });
     if (put == 0) throw ExSystem(EIO, where);
     next += put;
     length -= static_cast<size_t>(put);
@@ -173,9 +171,8 @@ void SyncParentDirectory(const std::string& path, const ExWhere& where) {
   const size_t slash = path.rfind('/');
   const std::string folder =
       slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
-  const int fd = Checked(outcome, where, [&] {
-    return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  });
+  const int fd = Checked(
+      outcome, where, [&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
   try {
     Checked(outcome, where, [&] { return ::fsync(fd); });
   } catch (...) {

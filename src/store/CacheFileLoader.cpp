@@ -58,7 +58,7 @@ class LoadRun {
   uint32_t typeCount_ = 0;  // the table's ids are exactly 1..typeCount_
   uint64_t slotBytes_ = 0;  // the slot arrays of the extents so far
   std::vector<std::pair<uint32_t, ExtentHeader>> extents_;  // location, header
-  std::vector<uint8_t> slots_;  // one extent's slot array, reused
+  std::vector<uint8_t> slots_;                              // one extent's slot array, reused
 };
 
 // Offsets and lengths travel as signed 32-bit values further on, so a file

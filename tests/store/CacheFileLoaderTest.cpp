@@ -206,32 +206,46 @@ TEST_F(CacheFileLoaderTest, SalvagesFilesWhoseDamageIsConfinedToEntries) {
   } kCases[] = {
       {"data past the end", Live(0, Entry("k", 263'900, 256)), {{0, R::DataPastEnd}}, {9}},
       {"no data range", Live(0, Entry("k", 262'960, 0)), {{0, R::LengthsDamaged}}, {9}},
-      {"data longer than its range", Live(0, withLengths(Entry("k", 262'960, 256), 257, 256)),
-       {{0, R::LengthsDamaged}}, {9}},
-      {"range of 2 GiB", Live(0, withLengths(Entry("k", 262'960, 256), 16, 1u << 31)),
-       {{0, R::LengthsDamaged}}, {9}},
-      {"primary key of 33", All({Live(0, Entry("k", 262'960, 256)), Put(Slot(0) + 2, Image{33})}),
-       {{0, R::KeyDamaged}}, {9}},
-      {"secondary key of 17", All({Live(0, Entry("k", 262'960, 256)), Put(Slot(0) + 3, Image{17})}),
-       {{0, R::KeyDamaged}}, {9}},
-      {"torn header: keys only", Put(Slot(0), Image(torn.begin(), torn.begin() + 40)),
-       {{0, R::LengthsDamaged}}, {9}},
+      {"data longer than its range",
+       Live(0, withLengths(Entry("k", 262'960, 256), 257, 256)),
+       {{0, R::LengthsDamaged}},
+       {9}},
+      {"range of 2 GiB",
+       Live(0, withLengths(Entry("k", 262'960, 256), 16, 1u << 31)),
+       {{0, R::LengthsDamaged}},
+       {9}},
+      {"primary key of 33",
+       All({Live(0, Entry("k", 262'960, 256)), Put(Slot(0) + 2, Image{33})}),
+       {{0, R::KeyDamaged}},
+       {9}},
+      {"secondary key of 17",
+       All({Live(0, Entry("k", 262'960, 256)), Put(Slot(0) + 3, Image{17})}),
+       {{0, R::KeyDamaged}},
+       {9}},
+      {"torn header: keys only",
+       Put(Slot(0), Image(torn.begin(), torn.begin() + 40)),
+       {{0, R::LengthsDamaged}},
+       {9}},
       {"unknown type id", Live(0, Entry("k", 262'960, 256, 2)), {{0, R::UnknownType}}, {9}},
       {"type id 0", Live(0, Entry("k", 262'960, 256, 0)), {{0, R::UnknownType}}, {9}},
       {"data over the slots", Live(0, Entry("k", 1000, 256)), {{0, R::DataOverlap}}, {9}},
       {"two entries share data",
        All({Live(0, Entry("a", 263'000, 256)), Live(1, Entry("b", 263'200, 256))}),
-       {{0, R::DataOverlap}, {1, R::DataOverlap}}, {9}},
+       {{0, R::DataOverlap}, {1, R::DataOverlap}},
+       {9}},
       {"one range inside another",
        All({Live(0, Entry("a", 262'960, 512)), Live(1, Entry("b", 263'000, 16)),
             Live(2, Entry("c", 263'200, 16))}),
-       {{0, R::DataOverlap}, {1, R::DataOverlap}, {2, R::DataOverlap}}, {9}},
+       {{0, R::DataOverlap}, {1, R::DataOverlap}, {2, R::DataOverlap}},
+       {9}},
       {"one key twice: the first in chain order stays",
        All({Live(0, Entry("good", 262'960, 256)), Live(1, Entry("x", 263'216, 256))}),
-       {{9, R::DuplicateKey}}, {0, 1}},
+       {{9, R::DuplicateKey}},
+       {0, 1}},
       {"one key twice, the first overlapping",
        All({Live(0, Entry("good", 262'960, 256)), Live(1, Entry("x", 263'000, 256))}),
-       {{0, R::DataOverlap}, {1, R::DataOverlap}}, {9}},
+       {{0, R::DataOverlap}, {1, R::DataOverlap}},
+       {9}},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -276,8 +290,9 @@ TEST_F(CacheFileLoaderTest, BrokenLinksEndTheChain) {
   for (const auto& [name, damage] : kCases) {
     SCOPED_TRACE(name);
     visits = Recorder();
-    const Image image = File(kInitialFileSize, All({damage, Live(0, Entry("k", 1, 1)),
-                                                    Live(1, Entry("j", kFirstExtentOffset, 16))}));
+    const Image image =
+        File(kInitialFileSize,
+             All({damage, Live(0, Entry("k", 1, 1)), Live(1, Entry("j", kFirstExtentOffset, 16))}));
     const CacheFileLoader::Summary summary = load(image);
     EXPECT_EQ(summary.chainCutAt, kFirstExtentOffset);
     EXPECT_EQ(visits.extents, std::vector<uint32_t>{kFirstExtentOffset});

@@ -39,7 +39,7 @@ struct Inspection {
   std::vector<Tarn::TypeRecord> types;
   std::vector<std::pair<uint32_t, Tarn::ExtentHeader>> extents;  // location, header
   std::vector<std::pair<uint32_t, Tarn::EntryHeader>> entries;   // slot offset, header
-  std::vector<DroppedEntry> dropped;                              // always collected
+  std::vector<DroppedEntry> dropped;                             // always collected
 };
 
 // Loads the file at `path`; the live entries are kept only when
