@@ -19,10 +19,12 @@
 // constructor or the destructor. The destructor must not run on a worker
 // thread, in a factory's create(), or in a receiver callback.
 //
-// Errors: the constructors throw Tarn::ExUnsupportedFileVersion (a file the
-// library cannot trust), Tarn::ExFactoryClassNotFound (the file knows a type
-// no factory serves, or two factories serve one type), or Pt::ExSystem (the
-// file cannot be opened, created or locked). Keys with a length outside
+// Errors: the constructors throw Tarn::ExUnsupportedFileVersion (a file whose
+// header, type table or extent chain is damaged; damage confined to entries
+// drops those entries only, see droppedEntries()),
+// Tarn::ExFactoryClassNotFound (the file knows a type no factory serves, or
+// two factories serve one type), or Pt::ExSystem (the file cannot be opened,
+// created or locked). Keys with a length outside
 // 0..capacity and null receivers are refused with std::invalid_argument.
 // insert, find and findCreate throw a Pt::Exception, changing nothing, when
 // all 65,536 slots of the memory index hold requests in progress and no
@@ -106,6 +108,13 @@ class TARN_EXPORT Cache {
   // memory while they are held there.
   int32_t fileWriteFailures();
   Statistics& statistics(Statistics& statistics);
+  // How many entries the open dropped from a damaged cache file: entries
+  // whose data range lay past the end of the file or overlapped another
+  // record, whose lengths, keys or type could not be right, or that were a
+  // second live header of one primary key. Dropped entries are gone (the
+  // open cleared their slots) and their space is free again; 0 for a sound
+  // file. Fixed once the constructor returns.
+  int32_t droppedEntries();
 
  private:
   CacheManager* manager_;

@@ -59,11 +59,12 @@ inline constexpr RaiseSite kOpenReadEntryHeaders{kSystemError, {kSrcFileManager,
 // Opening a cache file: checks beyond the version that protect against a
 // truncated, corrupted or hostile file. Each rejects the file as unsupported.
 inline constexpr RaiseSite kOpenFileTooLarge{kMsgUnsupportedFileVersion, {kSrcFileManager, 283}};
+// Shorter than its header: no writer leaves such a file, so it is damage.
+inline constexpr RaiseSite kOpenFileTooShort{kMsgUnsupportedFileVersion, {kSrcFileManager, 288}};
 inline constexpr RaiseSite kOpenTypeTableDamaged{kMsgUnsupportedFileVersion,
                                                  {kSrcFileManager, 311}};
 inline constexpr RaiseSite kOpenExtentChainDamaged{kMsgUnsupportedFileVersion,
                                                    {kSrcFileManager, 336}};
-inline constexpr RaiseSite kOpenEntryDamaged{kMsgUnsupportedFileVersion, {kSrcFileManager, 362}};
 inline constexpr RaiseSite kOpenRangesDamaged{kMsgUnsupportedFileVersion, {kSrcFileManager, 371}};
 // Another open of the same file (this process or another) holds it.
 inline constexpr RaiseSite kOpenFileLocked{kSystemError, {kSrcFileManager, 281}};
@@ -74,6 +75,9 @@ inline constexpr RaiseSite kOpenTypeNameTooLong{kSystemError, {kSrcFileManager, 
 inline constexpr RaiseSite kOpenTypeCount{kMsgFactoryClassNotFound, {kSrcFileManager, 210}};
 inline constexpr RaiseSite kOpenTypeTableForUpdate{kSystemError, {kSrcFileManager, 221}};
 inline constexpr RaiseSite kOpenWriteTypeTable{kSystemError, {kSrcFileManager, 231}};
+// Opening a damaged file: clearing the slots of the entries it dropped and a
+// link that leads to no extent, and syncing that, failed.
+inline constexpr RaiseSite kOpenSalvageWrite{kSystemError, {kSrcFileManager, 375}};
 
 // Asynchronous file requests that failed, reported by their receivers.
 inline constexpr RaiseSite kWriteEntryFailed{kMsgFileWriteEntry, {kSrcWriteEntryReceiver, 103}};
@@ -148,7 +152,8 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kOpenFileTooLarge,
     kOpenTypeTableDamaged,
     kOpenExtentChainDamaged,
-    kOpenEntryDamaged,
+    kOpenFileTooShort,
+    kOpenSalvageWrite,
     kOpenRangesDamaged,
     kOpenFileLocked,
     kOpenTypeNameTooLong,

@@ -100,4 +100,8 @@ Statistics& Cache::statistics(Statistics& statistics) {
   return manager_->statistics(statistics);
 }
 
+int32_t Cache::droppedEntries() {
+  return static_cast<int32_t>(manager_->fileManager().droppedEntries());
+}
+
 }  // namespace Tarn

@@ -95,9 +95,11 @@ class FileManager {
   };
 
   // Opens the cache file at `path` (creating it first when it is missing and
-  // `config.createIfMissing` is set), verifies and loads it, gives every
-  // factory's type an id (writing the type table when types are new) and
-  // opens the asynchronous device. Throws Pt::ExSystem, ExUnsupportedFileVersion,
+  // `config.createIfMissing` is set), verifies and loads it, clears on disk
+  // what the load salvaged from a damaged file (the slots of dropped
+  // entries, a link to no extent), gives every factory's type an id (writing
+  // the type table when types are new; both writes are synced before the
+  // open goes on) and opens the asynchronous device. Throws Pt::ExSystem, ExUnsupportedFileVersion,
   // ExFactoryClassNotFound or std::bad_alloc; on a throw nothing of the store
   // survives and the file is unlocked.
   FileManager(const wchar_t* path, CacheManager* owner, const Config& config,
@@ -182,6 +184,9 @@ class FileManager {
   const Pt::SmartPointer<Pt::PtIoDeviceFile>& device() const { return device_; }
   const Pt::SmartPointer<FactoryManager>& factories() const { return factories_; }
   uint32_t minAllocation() const { return minAllocation_; }
+  // The live entries the open dropped from the file as damaged (see
+  // CacheFileLoader); fixed once the store is open.
+  uint32_t droppedEntries() const { return droppedEntries_; }
   // The append frontier; read without the lock (statistics).
   int64_t fileEnd() const { return fileEnd_.load(std::memory_order_relaxed); }
 
@@ -217,8 +222,10 @@ class FileManager {
   bool inGivenUpExtent(uint32_t slot) const PT_REQUIRES(lock_);
   void giveUpExtentsFrom(size_t index) PT_REQUIRES(lock_);
   void linkExtent(uint32_t location, const FileOperationRef& operation) PT_REQUIRES(lock_);
-  void load(int fd);
-  void registerTypes(int fd, uint32_t typeTableOffset) PT_REQUIRES(lock_);
+  void load(Pt::SyncFile& file);
+  void repairSalvaged(Pt::SyncFile& file, const std::vector<uint32_t>& droppedSlots,
+                      uint32_t chainCutAt) PT_REQUIRES(lock_);
+  void registerTypes(Pt::SyncFile& file, uint32_t typeTableOffset) PT_REQUIRES(lock_);
   // Advances fileEnd_ by `bytes` and returns where they start; EFBIG when
   // the file would reach 2 GiB.
   uint32_t growFileBy(uint64_t bytes) PT_REQUIRES(lock_);
@@ -229,6 +236,7 @@ class FileManager {
   CacheManager* const owner_;
   const Pt::SmartPointer<FactoryManager> factories_;
   std::atomic<int64_t> fileEnd_{0};
+  uint32_t droppedEntries_ = 0;
   FileLock fileLock_;
   Pt::SmartPointer<Pt::PtIoDeviceFile> device_;
   std::unique_ptr<GroupSync> groupSync_;
