@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 
-.PHONY: deps build run test bench asan tsan fuzz clean
+.PHONY: deps build run test crashtest bench asan tsan fuzz clean
 
 deps:
 	@missing=""; \
@@ -29,6 +29,13 @@ run: build
 
 test: build
 	ctest --preset $(PRESET) -j $(JOBS)
+
+# The long form of the kill -9 crash loop: CRASH_CYCLES kills, however long
+# they take (set TARN_CRASH_SEED to repeat a run).
+CRASH_CYCLES ?= 2000
+crashtest: build
+	TARN_CRASH_CYCLES=$(CRASH_CYCLES) TARN_CRASH_SECONDS=0 \
+	  ./build/$(PRESET)/tests/tarn_crash_tests --gtest_also_run_disabled_tests
 
 bench: PRESET = default
 bench: build

@@ -91,10 +91,12 @@ class CountingReceiver : public Tarn::CacheableReceiver {
   std::atomic<bool> failed_{false};
 };
 
-std::unique_ptr<Tarn::Cache> FreshCache(const std::string& name, int32_t memoryTarget) {
+std::unique_ptr<Tarn::Cache> FreshCache(const std::string& name, int32_t memoryTarget,
+                                        bool relaxedOrdering = false) {
   const std::wstring path = Wide(ScratchFolder() + "/" + name);
   Tarn::CreateCacheFile(path.c_str());
   Tarn::Config config{};
+  config.relaxedOrdering = relaxedOrdering;
   config.memoryTarget = memoryTarget;
   config.memorySlack = 0;
   config.createIfMissing = true;
@@ -109,9 +111,11 @@ Pt::SmartPointer<Tarn::Cacheable> Blob(size_t size) {
 
 // ---- insert + commit ---------------------------------------------------------
 
+// range(1): 0 for durable ordering (the default), 1 for relaxed ordering.
 void InsertCommit(benchmark::State& state) {
   const auto size = static_cast<size_t>(state.range(0));
-  std::unique_ptr<Tarn::Cache> cache = FreshCache("insert.tarn", 32 << 20);
+  const bool relaxed = state.range(1) != 0;
+  std::unique_ptr<Tarn::Cache> cache = FreshCache("insert.tarn", 32 << 20, relaxed);
   const Pt::SmartPointer<Tarn::Cacheable> blob = Blob(size);
   uint64_t next = 0;
   for (auto _ : state) {
@@ -120,7 +124,8 @@ void InsertCommit(benchmark::State& state) {
     Tarn::Statistics statistics;
     if (static_cast<uint32_t>(cache->statistics(statistics).fileSize) > (1u << 30)) {
       state.PauseTiming();  // keep the file well below its 2 GiB limit
-      cache = FreshCache("insert.tarn", 32 << 20);
+      cache.reset();
+      cache = FreshCache("insert.tarn", 32 << 20, relaxed);
       state.ResumeTiming();
     }
   }
@@ -260,7 +265,7 @@ void FindCreateNew(benchmark::State& state) {
 }
 
 BENCHMARK(PwriteFloor)->Arg(1024)->Arg(65536)->UseRealTime();
-BENCHMARK(InsertCommit)->Arg(1024)->Arg(65536)->UseRealTime();
+BENCHMARK(InsertCommit)->ArgsProduct({{1024, 65536}, {0, 1}})->UseRealTime();
 BENCHMARK(LockedMapFloor)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(FindInMemory)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(PreadFloor)->UseRealTime();
@@ -272,8 +277,10 @@ class RatioReporter : public TarnBench::FloorReporter {
   void Finalize() override {
     ConsoleReporter::Finalize();
     std::printf("\nThroughput as a share of the floor measured in this run:\n");
-    share("InsertCommit/1024/real_time", "PwriteFloor/1024/real_time");
-    share("InsertCommit/65536/real_time", "PwriteFloor/65536/real_time");
+    share("InsertCommit/1024/0/real_time", "PwriteFloor/1024/real_time");
+    share("InsertCommit/1024/1/real_time", "PwriteFloor/1024/real_time");
+    share("InsertCommit/65536/0/real_time", "PwriteFloor/65536/real_time");
+    share("InsertCommit/65536/1/real_time", "PwriteFloor/65536/real_time");
     share("FindInMemory/real_time/threads:1", "LockedMapFloor/real_time/threads:1");
     share("FindInMemory/real_time/threads:2", "LockedMapFloor/real_time/threads:2");
     share("FindInFile/real_time", "PreadFloor/real_time");

@@ -34,6 +34,11 @@ class PtIoDeviceFile : public IoDevice {
   // Waits until every request queued before the call has completed, then
   // makes the file's data durable (fdatasync). Throws Pt::ExSystem.
   void flush() const;
+  // Makes durable every write that has already completed (fdatasync),
+  // without waiting for requests still queued: the step a caller takes to
+  // make a batch of completed writes durable before it issues what depends
+  // on them. Throws Pt::ExSystem.
+  void sync() const;
 
   // The file descriptor, for diagnostics and tests; owned by the device.
   int descriptor() const noexcept;

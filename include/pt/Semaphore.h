@@ -3,7 +3,8 @@
 #pragma once
 
 #include <condition_variable>
-#include <mutex>
+
+#include "pt/PlainMutex.h"
 
 namespace Pt {
 
@@ -20,9 +21,9 @@ class Semaphore {
   bool wait_(int timeoutMs);
 
  private:
-  std::mutex mutex_;
+  PlainMutex mutex_;
   std::condition_variable available_;
-  int count_;
+  int count_ PT_GUARDED_BY(mutex_);
 };
 
 }  // namespace Pt

@@ -19,10 +19,12 @@
 // constructor or the destructor. The destructor must not run on a worker
 // thread, in a factory's create(), or in a receiver callback.
 //
-// Errors: the constructors throw Tarn::ExUnsupportedFileVersion (a file the
-// library cannot trust), Tarn::ExFactoryClassNotFound (the file knows a type
-// no factory serves, or two factories serve one type), or Pt::ExSystem (the
-// file cannot be opened, created or locked). Keys with a length outside
+// Errors: the constructors throw Tarn::ExUnsupportedFileVersion (a file whose
+// header, type table or extent chain is damaged; damage confined to entries
+// drops those entries only, see droppedEntries()),
+// Tarn::ExFactoryClassNotFound (the file knows a type no factory serves, or
+// two factories serve one type), or Pt::ExSystem (the file cannot be opened,
+// created or locked). Keys with a length outside
 // 0..capacity and null receivers are refused with std::invalid_argument.
 // insert, find and findCreate throw a Pt::Exception, changing nothing, when
 // all 65,536 slots of the memory index hold requests in progress and no
@@ -61,7 +63,10 @@ class TARN_EXPORT Cache {
   // Holds `cacheable` in memory and writes it to the file unless the file
   // holds the key already; receivers waiting for the key get it. An object
   // that fails verify() is not kept (nobody is told but waiting receivers).
-  // Throws ExFactoryClassNotFound when no factory serves its type.
+  // Nor is one whose verify(), size() or encode() throws: waiting receivers
+  // hear failed() (anything but a Pt::Exception wrapped in one) and the
+  // exception passes on to the caller. Throws ExFactoryClassNotFound when no
+  // factory serves its type.
   void insert(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
               Cacheable* cacheable);
   // Looks the key up in memory, among requests in progress, then in the file.
@@ -88,9 +93,28 @@ class TARN_EXPORT Cache {
   void cancelAll();
   // Whether the key is in memory, in progress, or in the file.
   bool isCached(const CacheKey<32>& primaryKey);
-  // Waits until every file request issued so far is done, then flushes.
+  // Waits until every file operation this cache had issued when it was
+  // called (an insert's data and header, an erase's zero header, an
+  // extent and its link) is done, then flushes the file: everything issued
+  // before commit() survives a crash, and, unless Config::relaxedOrdering is
+  // set, a power loss. Operations issued while it waits are not waited for,
+  // so it returns while other threads keep inserting. Throws Pt::ExSystem
+  // when the flush fails.
   void commit();
+  // Writes to the cache file that failed since the open (data, entry header,
+  // zero header, extent, link, or the sync meant to make one durable). A
+  // count that grew since the last commit() means that something issued
+  // before it may not be in the file; the objects concerned stay served from
+  // memory while they are held there.
+  int32_t fileWriteFailures();
   Statistics& statistics(Statistics& statistics);
+  // How many entries the open dropped from a damaged cache file: entries
+  // whose data range lay past the end of the file or overlapped another
+  // record, whose lengths, keys or type could not be right, or that were a
+  // second live header of one primary key. Dropped entries are gone (the
+  // open cleared their slots) and their space is free again; 0 for a sound
+  // file. Fixed once the constructor returns.
+  int32_t droppedEntries();
 
  private:
   CacheManager* manager_;

@@ -15,7 +15,9 @@ namespace Tarn {
 
 // Writes an empty cache file at `path`, replacing any file of that name.
 // When the file cannot be created nothing is created or changed; when its
-// content cannot be written whole, the partial file is removed.
+// content cannot be written whole or made durable, the partial file is
+// removed. On return the file and its entry in the folder are on disk
+// (both synced), so a power loss cannot take the new file back.
 TARN_EXPORT void CreateCacheFile(const wchar_t* path);
 
 // Removes the file at `path`. Throws Pt::ExSystem when it cannot be removed,

@@ -27,6 +27,15 @@ struct Config {
   // Create an empty cache file when the path holds none; when false, a
   // missing file makes the Cache constructor fail.
   bool createIfMissing;
+  // false (the default): every write that another depends on (an entry's
+  // data before its header, a delete before the space is reused, an extent
+  // before its link) is made durable with fdatasync before the dependent
+  // write is issued, one sync covering a whole batch. After a kill or a power
+  // loss the file opens with everything committed, and every entry it serves
+  // holds exactly the bytes inserted. true: dependent writes wait only for
+  // completion, which is safe against a crash of the process but not of the
+  // machine; inserts then cost no sync until commit().
+  bool relaxedOrdering;
 };
 
 }  // namespace Tarn

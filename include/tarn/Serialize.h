@@ -37,6 +37,7 @@ namespace Tarn {
 
 class TARN_EXPORT Serialize {
  public:
+  // Throws std::invalid_argument when `cache` is null.
   explicit Serialize(Cache* const cache);
   ~Serialize();
   Serialize(const Serialize&) = delete;

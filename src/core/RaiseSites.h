@@ -59,11 +59,12 @@ inline constexpr RaiseSite kOpenReadEntryHeaders{kSystemError, {kSrcFileManager,
 // Opening a cache file: checks beyond the version that protect against a
 // truncated, corrupted or hostile file. Each rejects the file as unsupported.
 inline constexpr RaiseSite kOpenFileTooLarge{kMsgUnsupportedFileVersion, {kSrcFileManager, 283}};
+// Shorter than its header: no writer leaves such a file, so it is damage.
+inline constexpr RaiseSite kOpenFileTooShort{kMsgUnsupportedFileVersion, {kSrcFileManager, 288}};
 inline constexpr RaiseSite kOpenTypeTableDamaged{kMsgUnsupportedFileVersion,
                                                  {kSrcFileManager, 311}};
 inline constexpr RaiseSite kOpenExtentChainDamaged{kMsgUnsupportedFileVersion,
                                                    {kSrcFileManager, 336}};
-inline constexpr RaiseSite kOpenEntryDamaged{kMsgUnsupportedFileVersion, {kSrcFileManager, 362}};
 inline constexpr RaiseSite kOpenRangesDamaged{kMsgUnsupportedFileVersion, {kSrcFileManager, 371}};
 // Another open of the same file (this process or another) holds it.
 inline constexpr RaiseSite kOpenFileLocked{kSystemError, {kSrcFileManager, 281}};
@@ -74,6 +75,9 @@ inline constexpr RaiseSite kOpenTypeNameTooLong{kSystemError, {kSrcFileManager, 
 inline constexpr RaiseSite kOpenTypeCount{kMsgFactoryClassNotFound, {kSrcFileManager, 210}};
 inline constexpr RaiseSite kOpenTypeTableForUpdate{kSystemError, {kSrcFileManager, 221}};
 inline constexpr RaiseSite kOpenWriteTypeTable{kSystemError, {kSrcFileManager, 231}};
+// Opening a damaged file: clearing the slots of the entries it dropped and a
+// link that leads to no extent, and syncing that, failed.
+inline constexpr RaiseSite kOpenSalvageWrite{kSystemError, {kSrcFileManager, 375}};
 
 // Asynchronous file requests that failed, reported by their receivers.
 inline constexpr RaiseSite kWriteEntryFailed{kMsgFileWriteEntry, {kSrcWriteEntryReceiver, 103}};
@@ -87,6 +91,12 @@ inline constexpr RaiseSite kDeleteHeaderFailed{kMsgFileReadEntry, {kSrcDeleteEnt
 inline constexpr RaiseSite kReadEntryFailed{kMsgFileReadEntry, {kSrcReadEntryReceiver, 103}};
 // The read completed but decode, or the insert after it, threw.
 inline constexpr RaiseSite kReadEntryRebuild{kMsgFileReadEntry, {kSrcReadEntryReceiver, 82}};
+
+// The group sync that was to make a completed write durable failed; the
+// ExSystem is the cause carried by the failure of the write it covered.
+inline constexpr RaiseSite kWriteEntrySync{kSystemError, {kSrcWriteEntryReceiver, 110}};
+inline constexpr RaiseSite kWriteExtentSync{kSystemError, {kSrcWriteExtentReceiver, 92}};
+inline constexpr RaiseSite kDeleteSync{kSystemError, {kSrcDeleteEntryReceiver, 90}};
 
 // Space allocation: growing the file would take it to 2 GiB, beyond which
 // its 32-bit offsets could not be handed to the device.
@@ -109,13 +119,22 @@ inline constexpr const wchar_t* kGenerateNoObjectMessage =
 // A receiver's callback threw something other than a Pt::Exception; it is
 // posted with this location and the thrown text.
 inline constexpr RaiseSite kReceiverThrew{kOwnMessage, {kSrcManager, 1350}};
-// A work request's run() or handleException() threw something the worker
-// cannot hand to the request; it is posted with this location.
+// A work request's handleException() threw something that is not a
+// Pt::Exception; it is posted with this location.
 inline constexpr RaiseSite kWorkRequestThrew{kOwnMessage, {kSrcWorkManager, 120}};
 // An entry read whose factory's decode() returned no object.
 inline constexpr RaiseSite kDecodeNoObject{kOwnMessage, {kSrcReadEntryReceiver, 78}};
 inline constexpr const wchar_t* kDecodeNoObjectMessage =
     L"The factory's decode() returned no object!";
+// A factory's create() or decode(), or an object's verify(), size() or
+// encode(), threw something that is not a Pt::Exception; the waiting
+// receivers get it wrapped, with the thrown text after this message.
+inline constexpr RaiseSite kClientThrew{kOwnMessage, {kSrcManager, 1362}};
+inline constexpr const wchar_t* kClientThrewMessage =
+    L"An object or its factory threw an exception that is not a Pt::Exception: ";
+// An entry whose recorded data length exceeds its allocation (or the largest
+// read the device takes) is damaged; its find fails without reading.
+inline constexpr RaiseSite kReadEntryDamaged{kMsgFileReadEntry, {kSrcReadEntryReceiver, 64}};
 
 // All of the above, for checks over the whole table.
 inline constexpr RaiseSite kAllRaiseSites[] = {
@@ -133,7 +152,8 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kOpenFileTooLarge,
     kOpenTypeTableDamaged,
     kOpenExtentChainDamaged,
-    kOpenEntryDamaged,
+    kOpenFileTooShort,
+    kOpenSalvageWrite,
     kOpenRangesDamaged,
     kOpenFileLocked,
     kOpenTypeNameTooLong,
@@ -145,6 +165,9 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kWriteEntryHeaderFailed,
     kWriteExtentFailed,
     kWriteExtentHeaderFailed,
+    kWriteEntrySync,
+    kWriteExtentSync,
+    kDeleteSync,
     kDeleteHeaderFailed,
     kReadEntryFailed,
     kReadEntryRebuild,
@@ -155,6 +178,8 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kDecodeNoObject,
     kReceiverThrew,
     kWorkRequestThrew,
+    kClientThrew,
+    kReadEntryDamaged,
 };
 
 }  // namespace Tarn

@@ -12,6 +12,7 @@
 
 #include <array>
 #include <bitset>
+#include <stdexcept>
 #include <utility>
 
 #include "pt/CondVar.h"
@@ -133,7 +134,9 @@ class Lending {
 
 }  // namespace
 
-Serialize::Serialize(Cache* const cache) : cache_(cache) {}
+Serialize::Serialize(Cache* const cache) : cache_(cache) {
+  if (cache == nullptr) throw std::invalid_argument("Serialize: no cache");
+}
 
 Serialize::~Serialize() = default;
 

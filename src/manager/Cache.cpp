@@ -92,8 +92,16 @@ void Cache::commit() {
   manager_->fileManager().commit();
 }
 
+int32_t Cache::fileWriteFailures() {
+  return manager_->fileManager().writeFailures();
+}
+
 Statistics& Cache::statistics(Statistics& statistics) {
   return manager_->statistics(statistics);
+}
+
+int32_t Cache::droppedEntries() {
+  return static_cast<int32_t>(manager_->fileManager().droppedEntries());
 }
 
 }  // namespace Tarn

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "core/ClientException.h"
 #include "core/RaiseSites.h"
 #include "pt/Platform.h"
 #include "tarn/Exceptions.h"
@@ -64,6 +65,10 @@ void CacheManager::releaseSlot(const PrimaryKey& key, PendingList& out) {
   }
 }
 
+// The object's verify(), size() and encode() are application code and may
+// throw anything: then the object is not kept, the receivers waiting for the
+// key hear failed() (with a non-Pt exception wrapped), and the exception
+// passes on to the caller unchanged.
 void CacheManager::insert(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
                           const Pt::SmartPointer<Cacheable>& cacheable, int32_t requestId) {
   if (!cacheable) throw std::invalid_argument("Cache::insert: no object");
@@ -79,42 +84,90 @@ void CacheManager::insert(const PrimaryKey& primaryKey, const SecondaryKey& seco
     allocateSlot(primaryKey);
     slot = slots_.find(primaryKey);
   }
-  if (!cacheable->verify()) return failInsert(primaryKey, collected, index);
-  collected.swap(slot->waiting);
-  slots_.store(*slot, cacheable);
+  bool verified = false;
+  try {
+    verified = cacheable->verify();
+    if (verified) {
+      collected.swap(slot->waiting);
+      slots_.store(*slot, cacheable);  // size() may throw; the slot then stays as it was
+    }
+  } catch (...) {
+    failInsert(primaryKey, collected, index, *CaughtAsPtException());
+    throw;
+  }
+  if (!verified) {
+    return failInsert(primaryKey, collected, index,
+                      ExCachableNotVerified(kInsertNotVerified.where));
+  }
   ++inserted_;
   purged_ += slots_.trim();
 
   Pt::UniqueLock file(fileLock_);
   const bool stored = fileManager_->contains(primaryKey);
   index.unlock();
-  if (!stored) {
-    const Pt::SmartPointer<Buffer> data = cacheable->encode(false);
-    if (!data) {
-      file.unlock();
-      index.lock();
-      return failInsert(primaryKey, collected, index);
-    }
-    try {
-      fileManager_->write(primaryKey, secondaryKey, cacheable->getType(), data->length(),
-                          data->bytes());
-    } catch (const Pt::ExSystem& error) {
-      file.unlock();
-      DeliverFailed(collected, error);
-      return;
-    }
-  }
+  if (!stored) storeInFile(primaryKey, secondaryKey, cacheable, collected, file);
   file.unlock();
   DeliverFound(collected, cacheable);
 }
 
+// With the file lock held (it stays held). Writes the object's bytes; when
+// encode() fails, the object leaves memory and `collected` hear failed()
+// instead (and are emptied). A write the file store refuses is reported to
+// `collected` instead of found(); the object stays in memory.
+void CacheManager::storeInFile(const PrimaryKey& key, const SecondaryKey& secondaryKey,
+                               const Pt::SmartPointer<Cacheable>& cacheable, PendingList& collected,
+                               Pt::UniqueLock& file) {
+  Pt::SmartPointer<Buffer> data;
+  try {
+    data = cacheable->encode(false);
+  } catch (...) {
+    abandonObject(key, cacheable, collected, file, *CaughtAsPtException());
+    throw;
+  }
+  if (!data) {
+    return abandonObject(key, cacheable, collected, file,
+                         ExCachableNotVerified(kInsertNotVerified.where));
+  }
+  try {
+    fileManager_->write(key, secondaryKey, cacheable->getType(), data->length(), data->bytes());
+  } catch (...) {
+    const std::unique_ptr<Pt::Exception> error = CaughtAsPtException();
+    PendingList told;
+    told.swap(collected);
+    file.unlock();
+    DeliverFailed(told, *error);
+    file.lock();
+    if (dynamic_cast<const Pt::ExSystem*>(error.get()) == nullptr) throw;
+  }
+}
+
 // An object that cannot be stored leaves memory again; whoever waited for
 // it is told why.
-void CacheManager::failInsert(const PrimaryKey& key, PendingList& collected,
-                              Pt::UniqueLock& index) {
+void CacheManager::failInsert(const PrimaryKey& key, PendingList& collected, Pt::UniqueLock& index,
+                              const Pt::Exception& error) {
   releaseSlot(key, collected);
   index.unlock();
-  DeliverFailed(collected, ExCachableNotVerified(kInsertNotVerified.where));
+  DeliverFailed(collected, error);
+  collected.clear();
+}
+
+// Called with the file lock held, which it gives up to take the index lock
+// and takes again before returning. The key's slot is released only while it
+// still holds `cacheable`: an erase or a newer insert may have come between.
+void CacheManager::abandonObject(const PrimaryKey& key,
+                                 const Pt::SmartPointer<Cacheable>& cacheable,
+                                 PendingList& collected, Pt::UniqueLock& file,
+                                 const Pt::Exception& error) {
+  file.unlock();
+  {
+    Pt::MutexLock index(indexLock_);
+    const CacheSlot* slot = slots_.find(key);
+    if (slot != nullptr && slot->cacheable.get() == cacheable.get()) releaseSlot(key, collected);
+  }
+  PendingList told;
+  told.swap(collected);
+  DeliverFailed(told, error);
+  file.lock();
 }
 
 void CacheManager::erase(const PrimaryKey& primaryKey) {
@@ -173,10 +226,14 @@ void CacheManager::cancelAll() {
   DeliverCancelled(collected);
 }
 
-void CacheManager::failPending(const PrimaryKey& primaryKey, const Pt::Exception& error) {
+void CacheManager::failPending(const PrimaryKey& primaryKey, int32_t requestId,
+                               const Pt::Exception& error) {
   PendingList collected;
   {
     Pt::MutexLock index(indexLock_);
+    const CacheSlot* slot = slots_.find(primaryKey);
+    if (slot == nullptr || slot->requestId() != requestId) return;
+    if (slot->state != SlotState::Reading && slot->state != SlotState::Generating) return;
     releaseSlot(primaryKey, collected);
   }
   DeliverFailed(collected, error);

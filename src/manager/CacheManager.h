@@ -9,8 +9,9 @@
 // lock is still held, after which the index lock is released: a thread that
 // holds the file lock never waits for the index lock), then the file store's
 // own lock or the work manager's. Client code that runs under a manager lock:
-// verify, size and encode of the object being inserted, size and the
-// destructor of an object leaving memory, and factories' getType.
+// verify, size and encode of the object being inserted, the destructor of an
+// object leaving memory, and factories' getType. Whatever the first three
+// throw ends the insert's waiting receivers with failed() and frees the slot.
 //
 // Thread-safety: every public operation may be called from any thread, and
 // from inside receivers' callbacks.
@@ -53,8 +54,11 @@ class CacheManager {
   void purge(const PrimaryKey& primaryKey);
   void cancel(int32_t requestId);
   void cancelAll();
-  // Ends the key's pending request, whichever it is, with `error`.
-  void failPending(const PrimaryKey& primaryKey, const Pt::Exception& error);
+  // Ends the key's read or generation `requestId` with `error`: its receivers
+  // hear failed() and the slot is released. Nothing happens when that request
+  // has already ended (the key's slot is gone, holds an object, or serves a
+  // newer request), so a failure reported twice is told once.
+  void failPending(const PrimaryKey& primaryKey, int32_t requestId, const Pt::Exception& error);
   bool isCached(const PrimaryKey& primaryKey);
   Statistics& statistics(Statistics& statistics);
 
@@ -73,11 +77,18 @@ class CacheManager {
                      Pt::UniqueLock& index, Pt::UniqueLock& file) PT_NO_THREAD_SAFETY_ANALYSIS;
   int32_t startGeneration(const PrimaryKey& key, const SecondaryKey& secondaryKey,
                           const Pt::SmartPointer<CacheableFactory>& factory,
-                          const Pt::SmartPointer<CacheableReceiver>& receiver);
-  int32_t allocateSlot(const PrimaryKey& key);
-  void releaseSlot(const PrimaryKey& key, PendingList& out);
-  void failInsert(const PrimaryKey& key, PendingList& collected,
-                  Pt::UniqueLock& index) PT_NO_THREAD_SAFETY_ANALYSIS;
+                          const Pt::SmartPointer<CacheableReceiver>& receiver)
+      PT_REQUIRES(indexLock_);
+  int32_t allocateSlot(const PrimaryKey& key) PT_REQUIRES(indexLock_);
+  void releaseSlot(const PrimaryKey& key, PendingList& out) PT_REQUIRES(indexLock_);
+  void failInsert(const PrimaryKey& key, PendingList& collected, Pt::UniqueLock& index,
+                  const Pt::Exception& error) PT_NO_THREAD_SAFETY_ANALYSIS;
+  void storeInFile(const PrimaryKey& key, const SecondaryKey& secondaryKey,
+                   const Pt::SmartPointer<Cacheable>& cacheable, PendingList& collected,
+                   Pt::UniqueLock& file) PT_NO_THREAD_SAFETY_ANALYSIS;
+  void abandonObject(const PrimaryKey& key, const Pt::SmartPointer<Cacheable>& cacheable,
+                     PendingList& collected, Pt::UniqueLock& file,
+                     const Pt::Exception& error) PT_NO_THREAD_SAFETY_ANALYSIS;
   void purgeAll();
 
   // Holds one registration with the platform for the manager's life, so
@@ -92,7 +103,7 @@ class CacheManager {
   const Pt::SmartPointer<FactoryManager> factories_;
   Pt::Mutex indexLock_;
   Pt::Mutex fileLock_;
-  SlotTable slots_;  // guarded by indexLock_
+  SlotTable slots_ PT_GUARDED_BY(indexLock_);  // the slot table and its LRU list
   std::unique_ptr<FileManager> fileManager_;
 
   // Counters of the statistics; atomic so that a count made after a lock

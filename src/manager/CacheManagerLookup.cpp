@@ -1,6 +1,7 @@
 // Lookups: from memory, by joining a request in progress, from the file, or
 // by generation. Requests for one key merge: while a read or a generation is
 // in progress, every further lookup waits on the same slot and shares its id.
+#include "core/ClientException.h"
 #include "manager/CacheManager.h"
 #include "manager/WorkRequestGenerate.h"
 #include "work/WorkManager.h"
@@ -67,13 +68,12 @@ int32_t CacheManager::findInFile(const PrimaryKey& key,
   index.unlock();
   try {
     fileManager_->read(key, requestId);
-  } catch (const Pt::Exception& error) {
+  } catch (...) {
+    // The read was never queued (a damaged entry, a type without a factory,
+    // a refused request): whoever joined meanwhile hears failed() too.
+    const std::unique_ptr<Pt::Exception> error = CaughtAsPtException();
     file.unlock();
-    PendingList collected;
-    index.lock();
-    releaseSlot(key, collected);
-    index.unlock();
-    DeliverFailed(collected, error);
+    failPending(key, requestId, *error);
     return requestId;
   }
   file.unlock();
@@ -89,10 +89,18 @@ int32_t CacheManager::startGeneration(const PrimaryKey& key, const SecondaryKey&
   CacheSlot* slot = slots_.find(key);
   slot->waiting.push_back({requestId, key, receiver});
   slot->state = SlotState::Generating;
+  try {
+    WorkManager::queue(Pt::SmartPointer<WorkRequest>(new WorkRequestGenerate(
+                           this, factory, key, secondaryKey, id_, requestId)),
+                       WorkManager::kNormalPriority);
+  } catch (...) {
+    // Nobody else can have joined (the index lock is held): the caller hears
+    // the exception and its receiver is not called.
+    PendingList dropped;
+    releaseSlot(key, dropped);
+    throw;
+  }
   ++generated_;
-  WorkManager::queue(Pt::SmartPointer<WorkRequest>(
-                         new WorkRequestGenerate(this, factory, key, secondaryKey, id_, requestId)),
-                     WorkManager::kNormalPriority);
   return requestId;
 }
 

@@ -9,6 +9,12 @@
 namespace Tarn {
 namespace {
 
+void PostForeign(const char* what) {
+  const std::string text = what;
+  const std::wstring message = L"A receiver threw: " + std::wstring(text.begin(), text.end());
+  Pt::Exception::Post(Pt::Exception(Pt::ExReason{message.c_str(), kReceiverThrew.where, 1}));
+}
+
 template <class Call>
 void CallEach(const PendingList& receivers, Call call) {
   for (const PendingReceiver& pending : receivers) {
@@ -17,9 +23,9 @@ void CallEach(const PendingList& receivers, Call call) {
     } catch (const Pt::Exception& escaped) {
       Pt::Exception::Post(escaped);
     } catch (const std::exception& escaped) {
-      const std::string what = escaped.what();
-      const std::wstring text = L"A receiver threw: " + std::wstring(what.begin(), what.end());
-      Pt::Exception::Post(Pt::Exception(Pt::ExReason{text.c_str(), kReceiverThrew.where, 1}));
+      PostForeign(escaped.what());
+    } catch (...) {
+      PostForeign("(a value that is not a std::exception)");
     }
   }
 }

@@ -131,15 +131,14 @@ SlotTable::Released SlotTable::release(const PrimaryKey& key, PendingList& out) 
              std::make_move_iterator(slot.waiting.end()));
   slot.waiting.clear();
   // Take the object out (the move clears the field) but keep it alive until
-  // the bookkeeping is done: its size() is still needed, and dropping the
-  // last reference runs client code.
+  // the bookkeeping is done: dropping the last reference runs client code.
   Pt::SmartPointer<Cacheable> cacheable = std::move(slot.cacheable);
   slot.state = SlotState::Free;
   index_.erase(found);
   freeSlots_.push_back(position);
   if (cacheable) {
     lru_.erase(slot.lruPosition);
-    memoryInUse_ = Wrap(int64_t{memoryInUse_} - cacheable->size());
+    memoryInUse_ = Wrap(int64_t{memoryInUse_} - slot.size);
   }
   return released;
 }
@@ -152,6 +151,7 @@ void SlotTable::store(CacheSlot& slot, const Pt::SmartPointer<Cacheable>& cachea
   const int32_t size = cacheable->size();
   lru_.push_back(slot.key);
   slot.cacheable = cacheable;
+  slot.size = size;
   slot.lruPosition = std::prev(lru_.end());
   memoryInUse_ = Wrap(int64_t{memoryInUse_} + size);
   slot.state = SlotState::InMemory;
@@ -215,7 +215,7 @@ void SlotTable::checkInvariants() const {
     CheckIndexedSlot(slot, position, index_);
     if (slot.cacheable) {
       ++heldCount;
-      memory += slot.cacheable->size();
+      memory += slot.size;
     }
   }
   // Each indexed slot found its own entry, so equal counts leave no stray one.

@@ -20,15 +20,16 @@
 // - a key is in `index_` exactly when its slot is not Free, and an indexed
 //   slot is InMemory, Reading or Generating outside allocate's caller;
 // - a slot's cacheable is set exactly when its key is in `lru_`, and
-//   memoryInUse is the sum of their size();
+//   memoryInUse is the sum of their recorded sizes;
 // - every waiting receiver carries its slot's current request id; an
 //   InMemory slot has none waiting;
 // - `freeSlots_` holds every Free slot's position once (a stack: the most
 //   recently freed slot is reused first).
 //
 // Not thread-safe: the cache manager's index lock guards it. The only client
-// code it runs is size() of objects entering and leaving memory, and the
-// destructor of an object whose last reference it drops.
+// code it runs is size() of an object entering memory (recorded then, so that
+// leaving memory asks nothing that could throw), and the destructor of an
+// object whose last reference it drops.
 #pragma once
 
 #include <cstdint>
@@ -61,6 +62,7 @@ using PendingList = std::vector<PendingReceiver>;
 struct CacheSlot {
   PrimaryKey key{};
   Pt::SmartPointer<Cacheable> cacheable;
+  int32_t size = 0;  // cacheable's size() when it was stored
   uint32_t index = 0xFFFFFFFF;
   uint32_t generation = 0;
   std::list<PrimaryKey>::iterator lruPosition;  // valid while cacheable is set
@@ -100,7 +102,8 @@ class SlotTable {
   Released release(const PrimaryKey& key, PendingList& out);
 
   // Puts `cacheable` (already verified) in `slot`, at the back of the LRU
-  // order, adds its size() and sets the state InMemory.
+  // order, adds its size() and sets the state InMemory. When size() throws,
+  // the exception passes through and nothing has changed.
   void store(CacheSlot& slot, const Pt::SmartPointer<Cacheable>& cacheable);
   // Moves an in-memory slot's key to the back of the LRU order.
   void touch(CacheSlot& slot);

@@ -26,7 +26,7 @@ void WorkRequestGenerate::run() {
 }
 
 void WorkRequestGenerate::handleException(const Pt::Exception& error) {
-  manager_->failPending(primaryKey_, error);
+  manager_->failPending(primaryKey_, requestId(), error);
 }
 
 }  // namespace Tarn

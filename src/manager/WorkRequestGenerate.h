@@ -1,7 +1,8 @@
 // WorkRequestGenerate: has a factory create a missing object on a worker
 // thread and hands it to the cache manager's insert, which takes it only while
-// the request is still the key's current one. A failure of create() ends the
-// key's pending request with failed() calls.
+// the request is still the key's current one. Anything create() or the
+// insert throws ends this request (if it is still the key's current one) with
+// failed() calls; an exception that is not a Pt::Exception arrives wrapped.
 //
 // Ownership: held by whoever queues it, then by the work manager, then by the
 // worker that runs it. The manager outlives it: its destructor withdraws its

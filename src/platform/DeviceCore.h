@@ -13,18 +13,29 @@
 //
 // Flush barrier: every request is counted in the flush epoch that was
 // current when it was queued. flush() opens a new epoch and waits until every
-// older epoch has drained. Invariant: epochCounts_[i] counts the unfinished
-// requests of epoch baseEpoch_ + i, and only the last entry may be the
-// current epoch.
+// older epoch has drained.
+//
+// Invariants, whenever `mutex_` is free (checkInvariants() walks them; debug
+// builds check after each change while at most kDebugCheckLimit requests are
+// unfinished):
+// - epochCounts_[i] counts the unfinished requests of epoch baseEpoch_ + i,
+//   and only the last entry is the current epoch;
+// - the oldest entry is not drained unless it is the only one (drained
+//   epochs at the front are dropped at once, which is what wakes a flush);
+// - the sequencer's live requests are exactly the unfinished ones, and its
+//   own invariants hold.
+//
+// Test seams: the points DeviceFlushWaiting, DeviceRequestEntered and
+// DeviceRequestCompleted (TestPoint.h) and the write/flush trace (IoTrace.h).
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 
 #include "platform/RequestSequencer.h"
 #include "platform/RequestState.h"
+#include "pt/PlainMutex.h"
 
 namespace Pt {
 
@@ -42,23 +53,32 @@ class DeviceCore {
   static void Finish(IoRequest* request, int error);
 
   int64_t length() const;
-  void flush();
+  void flush() PT_EXCLUDES(mutex_);
+  // fdatasync alone: covers the writes completed before it begins.
+  void sync();
   int descriptor() const noexcept { return fd_; }
 
+  // True when every invariant above holds. Never throws; changes nothing.
+  bool checkInvariants() PT_EXCLUDES(mutex_);
+
  private:
+  friend struct DeviceCoreTestAccess;  // tests break the structure on purpose
+
   static void Dispatch(IoRequest* request);
   static void Deliver(IoRequest& request, int error);
-  void retire(IoRequest* request, std::vector<IoRequest*>& ready);
-  void dropDrainedEpochs();  // requires mutex_
+  void retire(IoRequest* request, std::vector<IoRequest*>& ready) PT_EXCLUDES(mutex_);
+  void dropDrainedEpochs() PT_REQUIRES(mutex_);
+  int64_t unfinishedBefore(uint64_t epoch) const PT_REQUIRES(mutex_);
+  bool invariantsHold() const PT_REQUIRES(mutex_);
 
   PtIoDeviceFile* owner_;
   int fd_;
 
-  std::mutex mutex_;
-  RequestSequencer sequencer_;
+  PlainMutex mutex_;
+  RequestSequencer sequencer_ PT_GUARDED_BY(mutex_);
   std::condition_variable flushed_;
-  std::deque<int64_t> epochCounts_{0};
-  uint64_t baseEpoch_ = 0;
+  std::deque<int64_t> epochCounts_ PT_GUARDED_BY(mutex_){0};
+  uint64_t baseEpoch_ PT_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace Pt

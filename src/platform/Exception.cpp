@@ -3,10 +3,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string>
 
 #include "platform/Utf8.h"
+#include "pt/PlainMutex.h"
 
 namespace Pt {
 namespace {
@@ -25,9 +25,9 @@ void WriteToStderr(const Exception& posted, void* /*context*/) {
 // The post handler is read on every Post and replaced rarely; a mutex keeps a
 // handler and its context consistent with each other.
 struct PostTarget {
-  std::mutex mutex;
-  Exception::PostHandler handler = WriteToStderr;
-  void* context = nullptr;
+  PlainMutex mutex;
+  Exception::PostHandler handler PT_GUARDED_BY(mutex) = WriteToStderr;
+  void* context PT_GUARDED_BY(mutex) = nullptr;
 };
 
 PostTarget& ThePostTarget() {
@@ -94,7 +94,7 @@ void Exception::Post(const Exception& exception) {
   void* context;
   {
     PostTarget& target = ThePostTarget();
-    std::lock_guard<std::mutex> guard(target.mutex);
+    PlainLock guard(target.mutex);
     handler = target.handler;
     context = target.context;
   }
@@ -104,7 +104,7 @@ void Exception::Post(const Exception& exception) {
 void Exception::SetPostHandler(PostHandler handler, void* context, PostHandler* previous,
                                void** previousContext) {
   PostTarget& target = ThePostTarget();
-  std::lock_guard<std::mutex> guard(target.mutex);
+  PlainLock guard(target.mutex);
   if (previous) *previous = target.handler == WriteToStderr ? nullptr : target.handler;
   if (previousContext) *previousContext = target.context;
   target.handler = handler ? handler : WriteToStderr;

@@ -26,6 +26,10 @@ class IoEngine {
 // Makes the engine that `config` asks for. Throws Pt::ExSystem when it cannot.
 std::unique_ptr<IoEngine> MakeIoEngine(const Config& config);
 
+// Hands `request`, released by its device's sequencer and the fault-injection
+// seam, to the running engine; signals TestPoint DeviceRequestEntered first.
+void EnterEngine(IoRequest* request);
+
 // Called by an engine thread when `request` is done: `error` is 0 or an errno.
 // Hands the request back to its device, which runs the callback.
 void FinishRequest(IoRequest* request, int error);

@@ -1,10 +1,20 @@
-// Test seam: makes the real device fail, shorten or hold back chosen requests.
+// Test seam: makes the real device fail, shorten or hold back chosen requests,
+// and does the same to the blocking file calls of SyncFile.
 //
 // Off by default. While no rule is set, the device pays one relaxed atomic
-// load per request. Rules are checked when a request leaves the device's
-// sequencer for the engine, so a held request still blocks later requests
-// that overlap it, exactly as one that is slow in the kernel would. Failures
-// are delivered through ioFailed on an I/O thread, like real ones.
+// load per request and SyncFile one per call. Rules are checked when a
+// request leaves the device's sequencer for the engine, so a held request
+// still blocks later requests that overlap it, exactly as one that is slow
+// in the kernel would. Failures are delivered through ioFailed on an I/O
+// thread, like real ones.
+//
+// A blocking call (the Sync* kinds, Lock, Unlink, Rename, SyncDir) is checked
+// just before the system call: Fail makes the call fail with `error` without
+// making it (the file untouched), Shorten makes the first read or write move
+// at most `shortBytes` (the rest follows), Transient makes it see EINTR
+// `transientCount` times, and HoldBack blocks the calling thread until the
+// test releases it. Held calls and held requests share one queue: WaitHeld,
+// HeldCount and ReleaseHeld count both, oldest first.
 //
 // For tests only; an application never calls it.
 #pragma once
@@ -20,7 +30,24 @@ namespace Pt {
 
 class IoFaultInjection {
  public:
-  enum class Kind { Any, Read, Write };
+  enum class Kind {
+    Any,  // any request of the device (never a blocking call)
+    Read,
+    Write,
+    // Blocking calls, matched only by their own kind. `offset` and `length`
+    // match SyncRead and SyncWrite; the other kinds have neither.
+    SyncOpen,    // SyncFile::Open of an existing file
+    SyncCreate,  // SyncFile::Open in Mode::Create
+    SyncRead,
+    SyncWrite,
+    SyncLength,
+    Sync,  // SyncFile::sync (fdatasync)
+    SyncTruncate,
+    Lock,
+    Unlink,
+    Rename,
+    SyncDir,  // SyncParentDirectory
+  };
   enum class Action {
     Fail,       // ioFailed with `error`, the file untouched
     HoldBack,   // kept until ReleaseHeld
@@ -61,6 +88,19 @@ class IoFaultInjection {
   static bool Armed() noexcept { return armed_.load(std::memory_order_relaxed); }
   // Applies the rules to a request about to start; true when it is held.
   static bool Intercept(IoRequest* request);
+
+  // What a blocking call is to do: fail with `error` (when not 0), move at
+  // most `shortBytes` in its first transfer (when not negative), and see
+  // EINTR `transientErrors` times first.
+  struct SyncOutcome {
+    int error = 0;
+    int64_t shortBytes = -1;
+    int transientErrors = 0;
+  };
+  // Applies the rules to a blocking call about to be made; returns once the
+  // call is no longer held. `offset` and `length` are -1 for calls that
+  // have none.
+  static SyncOutcome InterceptSync(Kind kind, int64_t offset = -1, int64_t length = -1);
   static int RingSetupError();
 
  private:

@@ -9,6 +9,7 @@
 #include "platform/PlatformState.h"
 #include "platform/ThreadPoolEngine.h"
 #include "platform/UringEngine.h"
+#include "pt/PlainMutex.h"
 
 namespace Pt {
 namespace {
@@ -17,9 +18,9 @@ constexpr int kDefaultUringThreads = 3;
 constexpr int kDefaultPoolThreads = 4;
 
 struct PlatformRegistry {
-  std::mutex mutex;  // serialises init and uninit
-  int users = 0;
-  std::unique_ptr<IoEngine> engine;
+  PlainMutex mutex;  // serialises init and uninit
+  int users PT_GUARDED_BY(mutex) = 0;
+  std::unique_ptr<IoEngine> engine PT_GUARDED_BY(mutex);
 };
 
 PlatformRegistry& Registry() {
@@ -31,7 +32,7 @@ std::atomic<IoEngine*> runningEngine{nullptr};
 
 struct OutstandingRequests {
   std::atomic<long> count{0};
-  std::mutex mutex;
+  std::mutex mutex;  // guards no field: pairs the drained wake-up with its wait
   std::condition_variable drained;
 };
 
@@ -69,7 +70,7 @@ std::unique_ptr<IoEngine> MakeIoEngine(const Config& config) {
 
 void PlatformInit(const Config& config) {
   PlatformRegistry& registry = Registry();
-  std::lock_guard<std::mutex> guard(registry.mutex);
+  PlainLock guard(registry.mutex);
   if (config.asyncFileIo && !registry.engine) {
     registry.engine = MakeIoEngine(config);
     runningEngine.store(registry.engine.get());
@@ -79,7 +80,7 @@ void PlatformInit(const Config& config) {
 
 void PlatformUninit() {
   PlatformRegistry& registry = Registry();
-  std::lock_guard<std::mutex> guard(registry.mutex);
+  PlainLock guard(registry.mutex);
   if (registry.users == 0 || --registry.users > 0) return;
   if (registry.engine) {
     WaitForOutstandingRequests();

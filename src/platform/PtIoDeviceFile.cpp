@@ -12,8 +12,10 @@
 #include "platform/DeviceCore.h"
 #include "platform/IoEngine.h"
 #include "platform/IoFaultInjection.h"
+#include "platform/IoTrace.h"
 #include "platform/PlatformState.h"
 #include "platform/RaiseSites.h"
+#include "platform/TestPoint.h"
 #include "platform/Utf8.h"
 
 namespace Pt {
@@ -61,6 +63,10 @@ void PtIoDeviceFile::flush() const {
   core_->flush();
 }
 
+void PtIoDeviceFile::sync() const {
+  core_->sync();
+}
+
 int PtIoDeviceFile::descriptor() const noexcept {
   return core_->descriptor();
 }
@@ -92,34 +98,42 @@ void DeviceCore::queue(const SmartPointer<IoRequest>& request, IoKind kind) {
   state.transferred = 0;
   bool startNow;
   {
-    std::lock_guard<std::mutex> guard(mutex_);
+    PlainLock guard(mutex_);
     state.flushEpoch = baseEpoch_ + epochCounts_.size() - 1;
     ++epochCounts_.back();
     startNow = sequencer_.admit(raw, raw->offset(), raw->offset() + raw->length());
+    PT_DEBUG_CHECK(sequencer_.liveCount(), invariantsHold());
   }
   if (startNow) Dispatch(raw);
 }
 
 void DeviceCore::Dispatch(IoRequest* request) {
   if (IoFaultInjection::Armed() && IoFaultInjection::Intercept(request)) return;
-  CurrentIoEngine()->submit(request);
+  EnterEngine(request);
 }
 
 void DeviceCore::retire(IoRequest* request, std::vector<IoRequest*>& ready) {
   RequestState& state = IoRequestAccess::state(*request);
-  std::lock_guard<std::mutex> guard(mutex_);
+  PlainLock guard(mutex_);
   sequencer_.retire(request, request->offset(), request->offset() + request->length(), ready);
   const size_t index = static_cast<size_t>(state.flushEpoch - baseEpoch_);
   if (--epochCounts_[index] == 0 && index == 0) {
     dropDrainedEpochs();
     flushed_.notify_all();
   }
+  PT_DEBUG_CHECK(sequencer_.liveCount(), invariantsHold());
 }
 
 void DeviceCore::Finish(IoRequest* request, int error) {
   RequestState& state = IoRequestAccess::state(*request);
   DeviceCore* device = state.device;
   PtIoDeviceFile* owner = device->owner_;
+  TestPoint::Signal(TestPoint::Id::DeviceRequestCompleted, device->fd_, request->offset());
+  // Recorded before the retire below: a flush waiting for this write cannot
+  // record its start before the write.
+  if (error == 0 && state.kind == IoKind::Write && IoTrace::On()) {
+    IoTrace::RecordWrite(device->fd_, *request, state.transferred);
+  }
 
   std::vector<IoRequest*> ready;  // allocates only when successors wait
   device->retire(request, ready);
@@ -173,13 +187,65 @@ int64_t DeviceCore::length() const {
 
 void DeviceCore::flush() {
   {
-    std::unique_lock<std::mutex> guard(mutex_);
+    PlainLock guard(mutex_);
     const uint64_t target = baseEpoch_ + epochCounts_.size() - 1;
     epochCounts_.push_back(0);
     dropDrainedEpochs();
-    flushed_.wait(guard, [&] { return baseEpoch_ > target; });
+    PT_DEBUG_CHECK(sequencer_.liveCount(), invariantsHold());
+    if (TestPoint::Watched()) {
+      TestPoint::Signal(TestPoint::Id::DeviceFlushWaiting, fd_, unfinishedBefore(target + 1));
+    }
+    while (baseEpoch_ <= target) flushed_.wait(guard.native());
   }
+  sync();
+}
+
+void DeviceCore::sync() {
+  const size_t covered = IoTrace::On() ? IoTrace::RecordFlushBegin(fd_) : 0;
   if (fdatasync(fd_) != 0) throw ExSystem(errno, kRaiseDeviceFlush);
+  if (IoTrace::On()) IoTrace::RecordFlushEnd(fd_, covered);
+}
+
+// Unfinished requests of the epochs before `epoch`.
+int64_t DeviceCore::unfinishedBefore(uint64_t epoch) const {
+  int64_t count = 0;
+  for (uint64_t e = baseEpoch_; e < epoch && e - baseEpoch_ < epochCounts_.size(); ++e) {
+    count += epochCounts_[static_cast<size_t>(e - baseEpoch_)];
+  }
+  return count;
+}
+
+bool DeviceCore::checkInvariants() {
+  PlainLock guard(mutex_);
+  return invariantsHold();
+}
+
+bool DeviceCore::invariantsHold() const {
+  if (epochCounts_.empty()) return false;
+  if (epochCounts_.size() > 1 && epochCounts_.front() == 0) return false;
+  // Count the live requests by epoch and compare with the counters.
+  std::vector<int64_t> counted(epochCounts_.size(), 0);
+  const uint64_t base = baseEpoch_;
+  bool inRange = true;
+  sequencer_.forEachLive([&](const IoRequest* request) {
+    const uint64_t epoch = IoRequestAccess::state(*request).flushEpoch;
+    if (epoch < base || epoch - base >= counted.size()) {
+      inRange = false;
+    } else {
+      ++counted[static_cast<size_t>(epoch - base)];
+    }
+  });
+  if (!inRange) return false;
+  for (size_t i = 0; i < counted.size(); ++i) {
+    if (counted[i] != epochCounts_[i]) return false;
+  }
+  return sequencer_.checkInvariants();
+}
+
+void EnterEngine(IoRequest* request) {
+  TestPoint::Signal(TestPoint::Id::DeviceRequestEntered, IoRequestAccess::state(*request).fd,
+                    request->offset());
+  CurrentIoEngine()->submit(request);
 }
 
 void FinishRequest(IoRequest* request, int error) {

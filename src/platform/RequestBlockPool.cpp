@@ -2,9 +2,10 @@
 
 #include <array>
 #include <atomic>
-#include <mutex>
 #include <new>
 #include <vector>
+
+#include "pt/PlainMutex.h"
 
 namespace Pt {
 namespace {
@@ -12,8 +13,8 @@ namespace {
 constexpr size_t kClasses = RequestBlockPool::kLargestPooled / RequestBlockPool::kPage;
 
 struct SizeClass {
-  std::mutex mutex;
-  std::vector<void*> blocks;
+  PlainMutex mutex;
+  std::vector<void*> blocks PT_GUARDED_BY(mutex);
 };
 
 struct Pool {
@@ -45,7 +46,7 @@ void* RequestBlockPool::Allocate(size_t size) {
   Pool& pool = ThePool();
   SizeClass& sizeClass = pool.classes[index];
   {
-    std::lock_guard<std::mutex> guard(sizeClass.mutex);
+    PlainLock guard(sizeClass.mutex);
     if (!sizeClass.blocks.empty()) {
       void* block = sizeClass.blocks.back();
       sizeClass.blocks.pop_back();
@@ -66,7 +67,7 @@ void RequestBlockPool::Release(void* block, size_t size) noexcept {
   Pool& pool = ThePool();
   if (pool.cachedBytes.fetch_add(bytes, std::memory_order_relaxed) + bytes <= kMaxCachedBytes) {
     SizeClass& sizeClass = pool.classes[index];
-    std::lock_guard<std::mutex> guard(sizeClass.mutex);
+    PlainLock guard(sizeClass.mutex);
     try {
       sizeClass.blocks.push_back(block);
       return;

@@ -29,16 +29,25 @@ struct RequestState {
   int pendingPredecessors = 0;         // earlier overlapping requests still running
   std::vector<IoRequest*> successors;  // later requests waiting for this one
   const IoRequest* lastVisitor =
-      nullptr;  // de-duplicates this request among a new one's predecessors
+      nullptr;        // de-duplicates this request among a new one's predecessors
+  int64_t begin = 0;  // the byte range it was admitted over
+  int64_t end = 0;
+  uint64_t admission = 0;         // admission order within its sequencer, from 1
+  IoRequest* liveNext = nullptr;  // the sequencer's list of admitted, unretired requests
+  IoRequest* livePrev = nullptr;
 
   uint64_t flushEpoch = 0;    // which flush generation counts it
-  IoRequest* next = nullptr;  // intrusive link in engine queues
+  IoRequest* next = nullptr;  // intrusive links in engine queues and lists
+  IoRequest* prev = nullptr;
 };
 
 // The platform's private access to the request's hidden parts.
 class IoRequestAccess {
  public:
   static RequestState& state(IoRequest& request) noexcept;
+  static const RequestState& state(const IoRequest& request) noexcept {
+    return state(const_cast<IoRequest&>(request));
+  }
   static void setByteCount(IoRequest& request, int count) noexcept { request.byteCount_ = count; }
 };
 

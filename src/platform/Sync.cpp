@@ -76,7 +76,7 @@ Semaphore::Semaphore(int initial) : count_(initial) {}
 void Semaphore::post() {
   // Notify under the lock: a waiter that sees the new count may destroy the
   // semaphore as soon as it can take the lock.
-  std::lock_guard<std::mutex> guard(mutex_);
+  PlainLock guard(mutex_);
   ++count_;
   available_.notify_one();
 }
@@ -86,12 +86,15 @@ void Semaphore::wait() {
 }
 
 bool Semaphore::wait_(int timeoutMs) {
-  std::unique_lock<std::mutex> guard(mutex_);
-  const auto ready = [this] { return count_ > 0; };
-  if (timeoutMs < 0) {
-    available_.wait(guard, ready);
-  } else if (!available_.wait_for(guard, std::chrono::milliseconds(timeoutMs), ready)) {
-    return false;
+  PlainLock guard(mutex_);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (count_ <= 0) {
+    if (timeoutMs < 0) {
+      available_.wait(guard.native());
+    } else if (available_.wait_until(guard.native(), deadline) == std::cv_status::timeout &&
+               count_ <= 0) {
+      return false;
+    }
   }
   --count_;
   return true;

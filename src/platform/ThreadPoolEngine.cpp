@@ -5,11 +5,12 @@
 #include <cerrno>
 #include <system_error>
 
+#include "platform/InvariantCheck.h"
 #include "platform/RaiseSites.h"
 
 namespace Pt {
 
-ThreadPoolEngine::ThreadPoolEngine(int threads) {
+ThreadPoolEngine::ThreadPoolEngine(int threads) : threadCount_(static_cast<size_t>(threads)) {
   try {
     for (int i = 0; i < threads; ++i) threads_.emplace_back([this, i] { workerLoop(i); });
   } catch (const std::system_error& error) {
@@ -24,7 +25,7 @@ ThreadPoolEngine::~ThreadPoolEngine() {
 
 void ThreadPoolEngine::stopThreads() {
   {
-    std::lock_guard<std::mutex> guard(mutex_);
+    PlainLock guard(mutex_);
     stopping_ = true;
     roster_.wakeAll();
   }
@@ -34,7 +35,7 @@ void ThreadPoolEngine::stopThreads() {
 
 void ThreadPoolEngine::submit(IoRequest* request) {
   IoRequestAccess::state(*request).next = nullptr;
-  std::lock_guard<std::mutex> guard(mutex_);
+  PlainLock guard(mutex_);
   if (tail_) {
     IoRequestAccess::state(*tail_).next = request;
   } else {
@@ -42,22 +43,27 @@ void ThreadPoolEngine::submit(IoRequest* request) {
     work_.notify_one();  // only an empty queue can have the thread on duty waiting
   }
   tail_ = request;
+  ++queued_;
+  PT_DEBUG_CHECK(queued_, invariantsHold());
 }
 
 IoRequest* ThreadPoolEngine::pop() {
   IoRequest* request = head_;
   head_ = IoRequestAccess::state(*request).next;
   if (head_ == nullptr) tail_ = nullptr;
+  --queued_;
+  ++carrying_;
+  PT_DEBUG_CHECK(queued_, invariantsHold());
   return request;
 }
 
 void ThreadPoolEngine::workerLoop(int self) {
-  std::unique_lock<std::mutex> lock(mutex_);
+  PlainLock lock(mutex_);
   for (;;) {
     if (roster_.claimIfFree(self)) {
       if (head_ == nullptr) {
         if (stopping_) break;
-        work_.wait(lock);
+        work_.wait(lock.native());
         continue;
       }
       IoRequest* request = pop();
@@ -65,16 +71,37 @@ void ThreadPoolEngine::workerLoop(int self) {
       lock.unlock();
       carryOut(request);
       lock.lock();
+      --carrying_;
       roster_.endItem(self);
       continue;
     }
     if (stopping_) break;  // the thread on duty drains the queue
+    // The roster calls these with mutex_ held, which the analysis cannot see
+    // through the template.
     roster_.serve(
-        lock, self, [this] { return head_ != nullptr; }, [this] { return stopping_; });
+        lock.native(), self, [this]() PT_NO_THREAD_SAFETY_ANALYSIS { return head_ != nullptr; },
+        [this]() PT_NO_THREAD_SAFETY_ANALYSIS { return stopping_; });
   }
   roster_.release(self);
   roster_.wakeAll();
   work_.notify_all();
+}
+
+bool ThreadPoolEngine::checkInvariants() {
+  PlainLock guard(mutex_);
+  return invariantsHold();
+}
+
+bool ThreadPoolEngine::invariantsHold() const {
+  if ((head_ == nullptr) != (tail_ == nullptr)) return false;
+  if (carrying_ > threadCount_) return false;
+  size_t length = 0;
+  const IoRequest* last = nullptr;
+  for (IoRequest* r = head_; r != nullptr; r = IoRequestAccess::state(*r).next) {
+    if (++length > queued_) return false;  // longer than counted, or a cycle
+    last = r;
+  }
+  return length == queued_ && last == tail_;
 }
 
 void ThreadPoolEngine::carryOut(IoRequest* request) {

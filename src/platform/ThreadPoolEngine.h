@@ -5,17 +5,23 @@
 // one by one, moves the bytes and runs the callback; another thread takes
 // over when one request keeps it for long while others wait.
 //
-// Invariant: a request is in the queue from submit() until one thread takes
-// it; that thread alone then moves its bytes and finishes it.
+// Invariants, whenever `mutex_` is free (checkInvariants() walks them; debug
+// builds check after each change while the queue is short):
+// - a request is in the queue from submit() until one thread takes it; that
+//   thread alone then moves its bytes and finishes it;
+// - the queue is a list from head_ to tail_ through RequestState::next,
+//   without a cycle, `queued_` long; head_ and tail_ are both null or neither;
+// - `carrying_` counts the requests taken and not yet finished, at most one
+//   per thread.
 #pragma once
 
 #include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "platform/DutyRoster.h"
 #include "platform/IoEngine.h"
+#include "pt/PlainMutex.h"
 
 namespace Pt {
 
@@ -25,20 +31,29 @@ class ThreadPoolEngine final : public IoEngine {
   ~ThreadPoolEngine() override;
 
   IoEngineKind kind() const override { return IoEngineKind::ThreadPool; }
-  void submit(IoRequest* request) override;
+  void submit(IoRequest* request) override PT_EXCLUDES(mutex_);
+
+  // True when every invariant above holds. Never throws; changes nothing.
+  bool checkInvariants() PT_EXCLUDES(mutex_);
 
  private:
-  void workerLoop(int self);
-  IoRequest* pop();  // requires mutex_ and a non-empty queue
-  void stopThreads();
-  static void carryOut(IoRequest* request);
+  friend struct ThreadPoolEngineTestAccess;  // tests break the structure on purpose
 
-  std::mutex mutex_;
+  void workerLoop(int self) PT_EXCLUDES(mutex_);
+  IoRequest* pop() PT_REQUIRES(mutex_);  // the queue must not be empty
+  void stopThreads() PT_EXCLUDES(mutex_);
+  static void carryOut(IoRequest* request);
+  bool invariantsHold() const PT_REQUIRES(mutex_);
+
+  PlainMutex mutex_;
   std::condition_variable work_;  // the thread on duty waits here for requests
-  DutyRoster roster_;
-  IoRequest* head_ = nullptr;  // FIFO through RequestState::next
-  IoRequest* tail_ = nullptr;
-  bool stopping_ = false;
+  DutyRoster roster_ PT_GUARDED_BY(mutex_);
+  IoRequest* head_ PT_GUARDED_BY(mutex_) = nullptr;  // FIFO through RequestState::next
+  IoRequest* tail_ PT_GUARDED_BY(mutex_) = nullptr;
+  size_t queued_ PT_GUARDED_BY(mutex_) = 0;
+  size_t carrying_ PT_GUARDED_BY(mutex_) = 0;
+  bool stopping_ PT_GUARDED_BY(mutex_) = false;
+  const size_t threadCount_;
   std::vector<std::thread> threads_;
 };
 

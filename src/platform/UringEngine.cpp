@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include "platform/InvariantCheck.h"
 #include "platform/IoFaultInjection.h"
 #include "platform/RaiseSites.h"
 #include "platform/SanitizerHints.h"
@@ -42,13 +43,13 @@ std::unique_ptr<UringEngine> UringEngine::Create(int threads) {
 UringEngine::~UringEngine() {
   if (!ringReady_) return;
   {
-    std::lock_guard<std::mutex> guard(reapMutex_);
+    PlainLock guard(reapMutex_);
     stopping_ = true;
     roster_.wakeAll();
   }
   {
     // A no-op wakes the thread on duty out of its wait; it then sees the stop.
-    std::lock_guard<std::mutex> guard(submitMutex_);
+    PlainLock guard(submitMutex_);
     pushNoOp(&kStopTag);
     io_uring_submit(&ring_);
   }
@@ -57,7 +58,7 @@ UringEngine::~UringEngine() {
 }
 
 void UringEngine::submit(IoRequest* request) {
-  std::lock_guard<std::mutex> guard(submitMutex_);
+  PlainLock guard(submitMutex_);
   pending_.push_back(request);
   anyPending_.store(true, std::memory_order_relaxed);
   if (reaperWaiting_ && !wakeQueued_) {
@@ -66,6 +67,7 @@ void UringEngine::submit(IoRequest* request) {
     pushNoOp(&kWakeTag);
     io_uring_submit(&ring_);
   }
+  PT_DEBUG_CHECK(inFlight_, invariantsHold());
 }
 
 io_uring_sqe* UringEngine::nextSqe() {
@@ -88,11 +90,28 @@ void UringEngine::flushPending() {
   while (!pending_.empty() && inFlight_ < maxInFlight_) {
     IoRequest* request = pending_.front();
     pending_.pop_front();
-    ++inFlight_;
+    linkInFlight(request);
     prepare(request);
   }
   anyPending_.store(!pending_.empty(), std::memory_order_relaxed);
   io_uring_submit(&ring_);
+}
+
+void UringEngine::linkInFlight(IoRequest* request) {
+  RequestState& state = IoRequestAccess::state(*request);
+  state.prev = nullptr;
+  state.next = inFlightHead_;
+  if (inFlightHead_ != nullptr) IoRequestAccess::state(*inFlightHead_).prev = request;
+  inFlightHead_ = request;
+  ++inFlight_;
+}
+
+void UringEngine::unlinkInFlight(IoRequest* request) {
+  RequestState& state = IoRequestAccess::state(*request);
+  (state.prev ? IoRequestAccess::state(*state.prev).next : inFlightHead_) = state.next;
+  if (state.next != nullptr) IoRequestAccess::state(*state.next).prev = state.prev;
+  state.next = state.prev = nullptr;
+  --inFlight_;
 }
 
 void UringEngine::prepare(IoRequest* request) {
@@ -120,7 +139,7 @@ void UringEngine::prepare(IoRequest* request) {
 
 void UringEngine::completionLoop(int self) {
   Completion batch[kReapBatch];
-  std::unique_lock<std::mutex> lock(reapMutex_);
+  PlainLock lock(reapMutex_);
   for (;;) {
     if (roster_.claimIfFree(self)) {
       if (!ready_.empty()) {
@@ -142,13 +161,15 @@ void UringEngine::completionLoop(int self) {
       continue;
     }
     if (stopping_) break;
+    // The roster calls these with reapMutex_ held, which the analysis cannot
+    // see through the template.
     roster_.serve(
-        lock, self,
-        [this] {
+        lock.native(), self,
+        [this]() PT_NO_THREAD_SAFETY_ANALYSIS {
           return !ready_.empty() || io_uring_cq_ready(&ring_) > 0 ||
                  anyPending_.load(std::memory_order_relaxed);
         },
-        [this] { return stopping_; });
+        [this]() PT_NO_THREAD_SAFETY_ANALYSIS { return stopping_; });
   }
   roster_.release(self);
   roster_.wakeAll();
@@ -158,7 +179,7 @@ void UringEngine::completionLoop(int self) {
 // arrive and takes a batch of them.
 size_t UringEngine::waitAndReap(Completion* batch, size_t capacity) {
   {
-    std::lock_guard<std::mutex> guard(submitMutex_);
+    PlainLock guard(submitMutex_);
     flushPending();
     reaperWaiting_ = true;
   }
@@ -168,7 +189,7 @@ size_t UringEngine::waitAndReap(Completion* batch, size_t capacity) {
     error = io_uring_wait_cqe(&ring_, &cqe);
   } while (error == -EINTR);
   {
-    std::lock_guard<std::mutex> guard(submitMutex_);
+    PlainLock guard(submitMutex_);
     reaperWaiting_ = false;
     wakeQueued_ = false;
   }
@@ -194,7 +215,7 @@ void UringEngine::handle(const Completion& completion) {
   if (error != 0 || AccountTransfer(*request, completion.result, error)) {
     finish(request, error);
   } else {
-    std::lock_guard<std::mutex> guard(submitMutex_);
+    PlainLock guard(submitMutex_);
     prepare(request);  // the rest of a short transfer, or a retry; still in flight
     io_uring_submit(&ring_);
   }
@@ -202,12 +223,33 @@ void UringEngine::handle(const Completion& completion) {
 
 void UringEngine::finish(IoRequest* request, int error) {
   {
-    std::lock_guard<std::mutex> guard(submitMutex_);
-    --inFlight_;
+    PlainLock guard(submitMutex_);
+    unlinkInFlight(request);
     // Requests that waited for room enter now.
     if (!pending_.empty() && inFlight_ < maxInFlight_) flushPending();
+    PT_DEBUG_CHECK(inFlight_, invariantsHold());
   }
   FinishRequest(request, error);
+}
+
+bool UringEngine::checkInvariants() {
+  PlainLock guard(submitMutex_);
+  return invariantsHold();
+}
+
+bool UringEngine::invariantsHold() const {
+  if (inFlight_ > maxInFlight_ || anyPending_.load() == pending_.empty()) return false;
+  if (wakeQueued_ && !reaperWaiting_) return false;
+  if (reaperWaiting_ && !pending_.empty() && !wakeQueued_ && inFlight_ < maxInFlight_) {
+    return false;  // a pending request nobody will hand to the kernel
+  }
+  unsigned listed = 0;
+  const IoRequest* previous = nullptr;
+  for (IoRequest* r = inFlightHead_; r != nullptr; r = IoRequestAccess::state(*r).next) {
+    if (++listed > inFlight_ || IoRequestAccess::state(*r).prev != previous) return false;
+    previous = r;
+  }
+  return listed == inFlight_;
 }
 
 }  // namespace Pt

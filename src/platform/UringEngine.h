@@ -15,10 +15,20 @@
 // touches the completion queue. Another thread takes over the duty when one
 // callback keeps it for long while more work waits.
 //
-// Invariants: inFlight_ == requests whose operation is in the ring or the
-// kernel (continuations included); `pending_` waits only for the thread on
-// duty or for room; only the thread on duty reaps; `wakeQueued_` is set while
-// a wake-up no-op is in the ring and the thread on duty has not woken.
+// Invariants, whenever `submitMutex_` is free (checkInvariants() walks them;
+// debug builds check after each change while few requests are in flight):
+// - inFlight_ == requests whose operation is in the ring or the kernel
+//   (continuations included), and each of them is once in the in-flight list
+//   (linked through RequestState::next and prev); inFlight_ <= maxInFlight_;
+// - `pending_` waits only for the thread on duty or for room: when the thread
+//   on duty sleeps in the kernel with requests pending, a wake-up is queued
+//   or the ring is full; `anyPending_` says whether `pending_` is empty;
+// - `wakeQueued_` is set while a wake-up no-op is in the ring and the thread
+//   on duty has not woken, so only while it sleeps there;
+// - only the thread on duty reaps.
+//
+// Locks: `reapMutex_` and `submitMutex_` are never held together, except in
+// the destructor, which takes them one after the other.
 #pragma once
 
 #include <liburing.h>
@@ -26,12 +36,12 @@
 #include <atomic>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "platform/DutyRoster.h"
 #include "platform/IoEngine.h"
+#include "pt/PlainMutex.h"
 
 namespace Pt {
 
@@ -43,41 +53,52 @@ class UringEngine final : public IoEngine {
   ~UringEngine() override;
 
   IoEngineKind kind() const override { return IoEngineKind::IoUring; }
-  void submit(IoRequest* request) override;
+  void submit(IoRequest* request) override PT_EXCLUDES(submitMutex_);
+
+  // True when every invariant above holds. Never throws; changes nothing.
+  bool checkInvariants() PT_EXCLUDES(submitMutex_);
 
  private:
+  friend struct UringEngineTestAccess;  // tests break the structure on purpose
+
   struct Completion {
     IoRequest* request;
     int result;
   };
 
   UringEngine() = default;
-  void completionLoop(int self);
-  size_t waitAndReap(Completion* batch, size_t capacity);
-  void handle(const Completion& completion);
-  void finish(IoRequest* request, int error);
-  // With submitMutex_ held, on an engine thread:
-  void prepare(IoRequest* request);
-  void flushPending();
-  // With submitMutex_ held, on any thread:
-  io_uring_sqe* nextSqe();
-  void pushNoOp(void* tag);
+  void completionLoop(int self) PT_EXCLUDES(reapMutex_);
+  size_t waitAndReap(Completion* batch, size_t capacity) PT_EXCLUDES(submitMutex_);
+  void handle(const Completion& completion) PT_EXCLUDES(submitMutex_);
+  void finish(IoRequest* request, int error) PT_EXCLUDES(submitMutex_);
+  // On an engine thread:
+  void prepare(IoRequest* request) PT_REQUIRES(submitMutex_);
+  void flushPending() PT_REQUIRES(submitMutex_);
+  // On any thread:
+  io_uring_sqe* nextSqe() PT_REQUIRES(submitMutex_);
+  void pushNoOp(void* tag) PT_REQUIRES(submitMutex_);
+  void linkInFlight(IoRequest* request) PT_REQUIRES(submitMutex_);
+  void unlinkInFlight(IoRequest* request) PT_REQUIRES(submitMutex_);
+  bool invariantsHold() const PT_REQUIRES(submitMutex_);
 
+  // The submission queue is used under submitMutex_, the completion queue by
+  // the thread on duty alone; neither lock guards the ring as a whole.
   io_uring ring_{};
   bool ringReady_ = false;
   unsigned maxInFlight_ = 0;
 
-  std::mutex submitMutex_;
-  unsigned inFlight_ = 0;
-  std::deque<IoRequest*> pending_;
+  PlainMutex submitMutex_;
+  unsigned inFlight_ PT_GUARDED_BY(submitMutex_) = 0;
+  IoRequest* inFlightHead_ PT_GUARDED_BY(submitMutex_) = nullptr;
+  std::deque<IoRequest*> pending_ PT_GUARDED_BY(submitMutex_);
   std::atomic<bool> anyPending_{false};  // pending_ is not empty; read without the lock
-  bool reaperWaiting_ = false;
-  bool wakeQueued_ = false;
+  bool reaperWaiting_ PT_GUARDED_BY(submitMutex_) = false;
+  bool wakeQueued_ PT_GUARDED_BY(submitMutex_) = false;
 
-  std::mutex reapMutex_;
-  DutyRoster roster_;
-  std::deque<Completion> ready_;  // reaped, not yet finished
-  bool stopping_ = false;
+  PlainMutex reapMutex_;
+  DutyRoster roster_ PT_GUARDED_BY(reapMutex_);
+  std::deque<Completion> ready_ PT_GUARDED_BY(reapMutex_);  // reaped, not yet finished
+  bool stopping_ PT_GUARDED_BY(reapMutex_) = false;
   std::vector<std::thread> threads_;
 };
 

@@ -1,10 +1,6 @@
 #include "store/CacheFileLoader.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <set>
 #include <span>
@@ -21,44 +17,20 @@ namespace {
   throw ExUnsupportedFileVersion(site.where);
 }
 
-// Reads exactly `length` bytes at `offset`, or throws Pt::ExSystem at `site`.
-// A file that ends first is an I/O error (EIO): errno says nothing then.
-void ReadAt(int fd, uint8_t* out, size_t length, uint64_t offset, const RaiseSite& site) {
-  while (length > 0) {
-    const ssize_t got = ::pread(fd, out, length, static_cast<off_t>(offset));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) throw Pt::ExSystem(errno != 0 ? errno : EIO, site.where);
-    if (got == 0) throw Pt::ExSystem(EIO, site.where);
-    out += got;
-    length -= static_cast<size_t>(got);
-    offset += static_cast<uint64_t>(got);
-  }
-}
-
-// A claimed range packed as offset << 32 | length, so that sorting plain
-// integers orders the ranges by offset (and equal offsets by length): a
-// file of a million entries sorts a million words, not a million structs.
-uint64_t PackRange(uint32_t offset, uint64_t length) {
-  return (uint64_t{offset} << 32) | length;
-}
-uint64_t RangeBegin(uint64_t packed) {
-  return packed >> 32;
-}
-uint64_t RangeLength(uint64_t packed) {
-  return packed & 0xFFFF'FFFFu;
-}
-
 // One load: the file's state while its records are read and checked.
 class LoadRun {
  public:
-  LoadRun(int fd, CacheFileLoader::Visitor& visitor) : fd_(fd), visitor_(visitor) {}
+  LoadRun(const Pt::SyncFile& file, CacheFileLoader::Visitor& visitor)
+      : file_(file), visitor_(visitor) {}
 
   CacheFileLoader::Summary run() {
     measureFile();
     readHeader();
     readTypeTable();
     walkExtents();
-    computeGaps();
+    if (!salvage_->settle()) Reject(kOpenRangesDamaged);
+    summary_.gaps = salvage_->gaps(summary_.trailingBytes);
+    visitExtents();
     return std::move(summary_);
   }
 
@@ -68,57 +40,52 @@ class LoadRun {
   void readTypeTable();
   void checkTypes(std::span<const TypeRecord> records) const;
   void walkExtents();
-  uint32_t loadExtent(uint32_t location);
-  ExtentHeader readExtentHeader(uint32_t location);
-  void visitSlots(const ExtentHeader& extent);
-  void visitEntry(uint32_t slotOffset, std::span<const uint8_t, kEntryHeaderSize> slot);
-  void computeGaps();
+  std::optional<ExtentHeader> readExtentHeader(uint32_t location, bool linked);
+  uint32_t loadExtent(uint32_t location, const ExtentHeader& extent);
+  void collectSlots(const ExtentHeader& extent);
+  void visitExtents();
+  size_t visitSlots(const ExtentHeader& extent, size_t next);
 
-  // Records [offset, offset + length) as claimed; an empty range claims
-  // nothing and is only checked against the file's end.
-  void claim(uint32_t offset, uint64_t length) {
-    if (length == 0) {
-      if (offset > summary_.fileLength) Reject(kOpenRangesDamaged);
-      return;
-    }
-    ranges_.push_back(PackRange(offset, length));
+  // Whether [offset, offset + length) lies inside the file.
+  bool fits(uint64_t offset, uint64_t length) const {
+    return offset + length <= summary_.fileLength;
   }
 
-  const int fd_;
+  const Pt::SyncFile& file_;
   CacheFileLoader::Visitor& visitor_;
   CacheFileLoader::Summary summary_;
-  uint32_t typeCount_ = 0;        // the table's ids are exactly 1..typeCount_
-  uint64_t slotBytes_ = 0;        // the slot arrays of the extents so far
-  std::vector<uint64_t> ranges_;  // packed, see PackRange
-  std::vector<uint8_t> slots_;    // one extent's slot array, reused
+  std::optional<EntrySalvage> salvage_;
+  uint32_t typeCount_ = 0;  // the table's ids are exactly 1..typeCount_
+  uint64_t slotBytes_ = 0;  // the slot arrays of the extents so far
+  std::vector<std::pair<uint32_t, ExtentHeader>> extents_;  // location, header
+  std::vector<uint8_t> slots_;                              // one extent's slot array, reused
 };
 
 // Offsets and lengths travel as signed 32-bit values further on, so a file
-// of 2 GiB or more is refused before anything of it is read.
+// of 2 GiB or more is refused before anything of it is read; so is one too
+// short to hold its header, which no writer leaves behind.
 void LoadRun::measureFile() {
-  struct stat status {};
-  if (::fstat(fd_, &status) != 0) {
-    throw Pt::ExSystem(errno != 0 ? errno : EIO, kOpenReadHeader.where);
-  }
-  const auto length = static_cast<uint64_t>(std::max<off_t>(status.st_size, 0));
+  const uint64_t length = file_.length(kOpenReadHeader.where);
   if (length >= CacheFileLoader::kMaxFileSize) Reject(kOpenFileTooLarge);
+  if (length < FileHeader::kSize) Reject(kOpenFileTooShort);
   summary_.fileLength = length;
+  salvage_.emplace(length);
 }
 
 void LoadRun::readHeader() {
   std::array<uint8_t, FileHeader::kSize> image{};
-  ReadAt(fd_, image.data(), image.size(), 0, kOpenReadHeader);
+  file_.readAt(image.data(), image.size(), 0, kOpenReadHeader.where);
   summary_.header = FileHeader::Decode(image);
   if (!summary_.header.supported()) Reject(kOpenVersion);
-  ranges_.reserve(2 + 2 * kEntriesPerExtent);
-  claim(0, FileHeader::kSize);
+  salvage_->addSkeleton(0, FileHeader::kSize);
 }
 
 void LoadRun::readTypeTable() {
   const uint32_t offset = summary_.header.typeTableOffset;
+  if (!fits(offset, kTypeTableSize)) Reject(kOpenTypeTableDamaged);
   std::array<uint8_t, kTypeTableSize> image{};
-  ReadAt(fd_, image.data(), image.size(), offset, kOpenReadTypeTable);
-  claim(offset, kTypeTableSize);
+  file_.readAt(image.data(), image.size(), offset, kOpenReadTypeTable.where);
+  salvage_->addSkeleton(offset, kTypeTableSize);
   const std::vector<TypeRecord> records = DecodeTypeTable(image);
   checkTypes(records);
   typeCount_ = static_cast<uint32_t>(records.size());
@@ -144,98 +111,122 @@ void LoadRun::checkTypes(std::span<const TypeRecord> records) const {
   }
 }
 
-// Follows the chain from the header's first extent until a zero link. A
+// Follows the chain from the header's first extent until a zero link, or a
+// link to bytes that are no extent header: a crash can leave a link whose
+// extent never reached the disk, and the extents before it are sound. A
 // location met twice would make the walk endless, so it rejects the file.
 void LoadRun::walkExtents() {
   std::set<uint32_t> visited;
   uint32_t location = summary_.header.firstExtentOffset;
+  bool linked = false;
   do {
     if (!visited.insert(location).second) Reject(kOpenExtentChainDamaged);
-    location = loadExtent(location);
+    const std::optional<ExtentHeader> extent = readExtentHeader(location, linked);
+    if (!extent) {
+      summary_.chainCutAt = extents_.back().first;
+      return;
+    }
+    location = loadExtent(location, *extent);
+    linked = true;
   } while (location != 0);
 }
 
-// Reads and visits one extent; returns the location of the next.
-uint32_t LoadRun::loadExtent(uint32_t location) {
-  const ExtentHeader extent = readExtentHeader(location);
+// The extent header at `location`, or nullopt when a linked one is not an
+// extent header; the first extent of the chain is part of the skeleton and
+// rejects the file instead.
+std::optional<ExtentHeader> LoadRun::readExtentHeader(uint32_t location, bool linked) {
+  if (!fits(location, ExtentHeader::kSize)) {
+    if (linked) return std::nullopt;
+    Reject(kOpenExtentChainDamaged);
+  }
+  std::array<uint8_t, ExtentHeader::kSize> image{};
+  file_.readAt(image.data(), image.size(), location, kOpenReadExtentHeader.where);
+  const ExtentHeader extent = ExtentHeader::Decode(image);
+  if (!extent.supported()) {
+    if (linked) return std::nullopt;
+    Reject(kOpenEntryHeaderSize);
+  }
+  if (!fits(extent.entriesOffset, extent.slotsLength())) {
+    if (linked) return std::nullopt;
+    Reject(kOpenExtentChainDamaged);
+  }
+  return extent;
+}
+
+// Reads one extent's slots; returns the location of the next extent.
+uint32_t LoadRun::loadExtent(uint32_t location, const ExtentHeader& extent) {
   // Slot arrays may not overlap, so together they fit the file. Checked
-  // before the buffer is sized, so that a damaged count cannot make the
-  // load ask for gigabytes, nor a chain of extents that share their slots
-  // read the same bytes over and over.
+  // before the slots are read, so that a chain of extents that share their
+  // slots cannot make the load read the same bytes over and over.
   slotBytes_ += extent.slotsLength();
   if (slotBytes_ > summary_.fileLength) Reject(kOpenExtentChainDamaged);
   const auto length = static_cast<size_t>(extent.slotsLength());
   if (slots_.size() < length) slots_.resize(length);
-  if (length > 0) ReadAt(fd_, slots_.data(), length, extent.entriesOffset, kOpenReadEntryHeaders);
-  claim(extent.entriesOffset, length);
-  ++summary_.extentCount;
-  visitor_.onExtent(extent, location);
-  visitSlots(extent);
+  if (length > 0) {
+    file_.readAt(slots_.data(), length, extent.entriesOffset, kOpenReadEntryHeaders.where);
+  }
+  salvage_->addSkeleton(location, ExtentHeader::kSize);
+  salvage_->addSkeleton(extent.entriesOffset, length);
+  extents_.emplace_back(location, extent);
+  collectSlots(extent);
   return extent.nextExtent;
-}
-
-ExtentHeader LoadRun::readExtentHeader(uint32_t location) {
-  std::array<uint8_t, ExtentHeader::kSize> image{};
-  ReadAt(fd_, image.data(), image.size(), location, kOpenReadExtentHeader);
-  claim(location, ExtentHeader::kSize);
-  const ExtentHeader extent = ExtentHeader::Decode(image);
-  if (!extent.supported()) Reject(kOpenEntryHeaderSize);
-  return extent;
 }
 
 // Most slots of a large file are either free or live entries that pass
 // every check, so the free test reads one byte and only a live slot is
-// decoded.
-void LoadRun::visitSlots(const ExtentHeader& extent) {
+// decoded and checked.
+void LoadRun::collectSlots(const ExtentHeader& extent) {
   const uint8_t* slot = slots_.data();
   uint32_t slotOffset = extent.entriesOffset;
   for (uint32_t i = 0; i < extent.entryCount; ++i) {
-    if (slot[EntryHeader::kPrimaryKeyLengthAt] == 0) {
-      ++summary_.freeSlots;
-      visitor_.onFreeSlot(slotOffset);
-    } else {
-      visitEntry(slotOffset, std::span<const uint8_t, kEntryHeaderSize>(slot, kEntryHeaderSize));
+    if (slot[EntryHeader::kPrimaryKeyLengthAt] != 0) {
+      const EntryHeader entry =
+          EntryHeader::Decode(std::span<const uint8_t, kEntryHeaderSize>(slot, kEntryHeaderSize));
+      salvage_->addSlot(slotOffset, entry, CheckEntry(entry, typeCount_, summary_.fileLength));
     }
     slot += kEntryHeaderSize;
     slotOffset += kEntryHeaderSize;
   }
 }
 
-void LoadRun::visitEntry(uint32_t slotOffset, std::span<const uint8_t, kEntryHeaderSize> slot) {
-  const EntryHeader entry = EntryHeader::Decode(slot);
-  if (!entry.keysValid() || entry.typeId == 0 || entry.typeId > typeCount_) {
-    Reject(kOpenEntryDamaged);
+// Visits the extents in chain order with their slots, now that each live
+// slot's fate is known, and counts what the summary reports.
+void LoadRun::visitExtents() {
+  summary_.extentCount = static_cast<uint32_t>(extents_.size());
+  size_t next = 0;  // the next live-looking slot, in chain and slot order
+  for (const auto& [location, extent] : extents_) {
+    visitor_.onExtent(extent, location);
+    next = visitSlots(extent, next);
   }
-  claim(entry.dataOffset, entry.allocatedLength);
-  ++summary_.liveEntries;
-  summary_.dataBytes += entry.dataLength;
-  summary_.allocatedBytes += entry.allocatedLength;
-  visitor_.onEntry(slotOffset, entry);
 }
 
-// Sorts the claimed ranges and walks them in offset order: each must start
-// at or behind the end of everything before it and end inside the file; the
-// space between one range's end and the next one's start is free.
-void LoadRun::computeGaps() {
-  std::sort(ranges_.begin(), ranges_.end());
-  uint64_t reach = 0;  // the end of the claimed ranges so far
-  for (const uint64_t packed : ranges_) {
-    const uint64_t begin = RangeBegin(packed);
-    const uint64_t end = begin + RangeLength(packed);
-    if (begin < reach || end > summary_.fileLength) Reject(kOpenRangesDamaged);
-    if (begin > reach) {
-      summary_.gaps.push_back(
-          FileRange{static_cast<uint32_t>(reach), static_cast<uint32_t>(begin - reach)});
+size_t LoadRun::visitSlots(const ExtentHeader& extent, size_t next) {
+  const std::vector<EntrySalvage::Slot>& live = salvage_->slots();
+  uint32_t slotOffset = extent.entriesOffset;
+  for (uint32_t i = 0; i < extent.entryCount; ++i, slotOffset += kEntryHeaderSize) {
+    if (next == live.size() || live[next].offset != slotOffset) {
+      ++summary_.freeSlots;
+      visitor_.onFreeSlot(slotOffset);
+      continue;
     }
-    reach = end;
+    const EntrySalvage::Slot& slot = live[next++];
+    if (slot.dropped) {
+      ++summary_.droppedEntries;
+      visitor_.onDroppedEntry(slotOffset, slot.header, *slot.dropped);
+    } else {
+      ++summary_.liveEntries;
+      summary_.dataBytes += slot.header.dataLength;
+      summary_.allocatedBytes += slot.header.allocatedLength;
+      visitor_.onEntry(slotOffset, slot.header);
+    }
   }
-  summary_.trailingBytes = summary_.fileLength - reach;
+  return next;
 }
 
 }  // namespace
 
-CacheFileLoader::Summary CacheFileLoader::Load(int fd, Visitor& visitor) {
-  return LoadRun(fd, visitor).run();
+CacheFileLoader::Summary CacheFileLoader::Load(const Pt::SyncFile& file, Visitor& visitor) {
+  return LoadRun(file, visitor).run();
 }
 
 }  // namespace Tarn

@@ -12,6 +12,8 @@
 
 #include <string>
 
+#include "platform/SyncFile.h"
+
 namespace Tarn {
 
 class FileLock {
@@ -28,10 +30,12 @@ class FileLock {
   // Closes the file, which drops the lock.
   void release();
 
-  int descriptor() const { return fd_; }
+  bool held() const { return file_.isOpen(); }
+  // The locked file, for the open's reads and writes.
+  Pt::SyncFile& file() { return file_; }
 
  private:
-  int fd_ = -1;
+  Pt::SyncFile file_;
 };
 
 }  // namespace Tarn

@@ -1,7 +1,5 @@
 #include "store/FileManager.h"
 
-#include <unistd.h>
-
 #include <cassert>
 #include <cerrno>
 #include <set>
@@ -9,7 +7,6 @@
 #include "core/ConfigRules.h"
 #include "core/RaiseSites.h"
 #include "store/CacheFileLoader.h"
-#include "store/FileReceiverBase.h"
 #include "store/NativePath.h"
 #include "tarn/CacheFile.h"
 #include "tarn/Exceptions.h"
@@ -38,16 +35,22 @@ class FileManager::Loader : public CacheFileLoader::Visitor {
   void onFreeSlot(uint32_t slotOffset) override PT_NO_THREAD_SAFETY_ANALYSIS {
     store_.freeEntryHeaders_.push_back(slotOffset);
   }
+  // The loader hands over each primary key once (it drops the others).
   void onEntry(uint32_t slotOffset,
                const EntryHeader& header) override PT_NO_THREAD_SAFETY_ANALYSIS {
-    const PrimaryKey primary = header.primaryKeyValue();
-    // A second live header of the same key keeps its slot and its space,
-    // but only the first one met is indexed; its secondary key still lists it.
-    const bool added =
-        store_.entries_.try_emplace(primary, EntryInfo{header, slotOffset, NextSerial(), false})
-            .second;
-    if (!added) store_.secondaryIndex_.addDuplicate(header.secondaryKeyValue(), primary);
+    store_.entries_.try_emplace(
+        header.primaryKeyValue(),
+        EntryInfo{header, slotOffset, NextSerial(), Stage::Settled, {}, {}});
   }
+  // A dropped entry's slot is free; the open clears it on disk before it
+  // can be handed out, so that the entry cannot come back.
+  void onDroppedEntry(uint32_t slotOffset, const EntryHeader&,
+                      DropReason) override PT_NO_THREAD_SAFETY_ANALYSIS {
+    store_.freeEntryHeaders_.push_back(slotOffset);
+    droppedSlots.push_back(slotOffset);
+  }
+
+  std::vector<uint32_t> droppedSlots;
 
  private:
   FileManager& store_;
@@ -62,15 +65,17 @@ FileManager::FileManager(const wchar_t* path, CacheManager* owner, const Config&
   const std::string narrow = NativePath(path, kOpenFile);
   // Refused before anything is written: the type table could not hold it.
   CheckTypeNames(*factories_);
-  if (::access(narrow.c_str(), F_OK) != 0 && config.createIfMissing) CreateCacheFile(path);
+  if (!Pt::FileExists(narrow) && config.createIfMissing) CreateCacheFile(path);
   fileLock_.acquire(narrow);
-  load(fileLock_.descriptor());
+  load(fileLock_.file());
   device_ = Pt::PtIoDeviceFile::Create(path, Pt::PtIoDeviceFile::ReadWrite);
   fileEnd_.store(device_->length());
+  groupSync_ = std::make_unique<GroupSync>(device_, !config.relaxedOrdering);
 }
 
 FileManager::~FileManager() {
-  FileReceiverBase::waitForAll();
+  operations_.waitAll();
+  groupSync_.reset();
   try {
     device_->flush();
   } catch (const Pt::Exception& failure) {
@@ -87,20 +92,44 @@ void FileManager::CheckTypeNames(const FactoryManager& factories) {
   }
 }
 
-void FileManager::load(int fd) {
+void FileManager::load(Pt::SyncFile& file) {
   Pt::MutexLock guard(lock_);
   extents_.reserve(4);
   secondaryIndex_.defer();
   Loader loader(*this);
-  const CacheFileLoader::Summary summary = CacheFileLoader::Load(fd, loader);
+  const CacheFileLoader::Summary summary = CacheFileLoader::Load(file, loader);
   for (const FileRange& gap : summary.gaps) freeSpace_.add(gap.offset, gap.length);
-  registerTypes(fd, summary.header.typeTableOffset);
+  droppedEntries_ = summary.droppedEntries;
+  repairSalvaged(file, loader.droppedSlots, summary.chainCutAt);
+  registerTypes(file, summary.header.typeTableOffset);
+}
+
+// Writes what the load salvaged back to the file before anything else is
+// written: each dropped entry's slot as a free slot and a link that led to
+// no extent as the end of the chain, then syncs. A dropped header left on
+// disk would come back at the next open once its slot or range was reused
+// (pointing at another entry's bytes), and a dangling link could meet an
+// extent-like pattern in data written later.
+void FileManager::repairSalvaged(Pt::SyncFile& file, const std::vector<uint32_t>& droppedSlots,
+                                 uint32_t chainCutAt) {
+  if (droppedSlots.empty() && chainCutAt == 0) return;
+  const auto freeSlot = EntryHeader{}.encode();
+  for (const uint32_t slot : droppedSlots) {
+    file.writeAt(freeSlot.data(), freeSlot.size(), slot, kOpenSalvageWrite.where);
+  }
+  if (chainCutAt != 0) {
+    ExtentInfo& last = extents_.back();
+    last.header.nextExtent = 0;
+    const auto image = last.header.encode();
+    file.writeAt(image.data(), image.size(), last.location, kOpenSalvageWrite.where);
+  }
+  file.sync(kOpenSalvageWrite.where);
 }
 
 // Every factory's type gets an id: types the file knows keep theirs, new ones
 // take the next ids in registration order. The file must know no type that
 // has no factory, and two factories may not serve one type.
-void FileManager::registerTypes(int fd, uint32_t typeTableOffset) {
+void FileManager::registerTypes(Pt::SyncFile& file, uint32_t typeTableOffset) {
   const size_t known = types_.size();
   for (const auto& factory : *factories_) {
     const std::string& name = factory->getType();
@@ -118,15 +147,15 @@ void FileManager::registerTypes(int fd, uint32_t typeTableOffset) {
     records.push_back(TypeRecord::ForType(static_cast<uint16_t>(type.id), type.name));
   }
   const auto table = EncodeTypeTable(records);
-  const size_t bytes = records.size() * kTypeRecordSize;
-  errno = 0;
-  if (pwrite(fd, table.data(), bytes, typeTableOffset) != static_cast<ssize_t>(bytes)) {
-    throw Pt::ExSystem(errno != 0 ? errno : EIO, kOpenWriteTypeTable.where);
-  }
+  // Durable before the open returns: an entry header naming a new type may
+  // reach the disk soon after, and must never name an id the file lacks.
+  file.writeAt(table.data(), records.size() * kTypeRecordSize, typeTableOffset,
+               kOpenWriteTypeTable.where);
+  file.sync(kOpenWriteTypeTable.where);
 }
 
 void FileManager::commit() {
-  FileReceiverBase::waitForAll();
+  operations_.waitThrough(operations_.lastStarted());
   device_->flush();
 }
 

@@ -6,8 +6,22 @@
 // verifies and loads the file; afterwards every read and write goes through
 // the platform's asynchronous device, and the tables change only under
 // `lock_`. Closing writes nothing: the file is consistent on its own, because
-// every write is ordered so that no record ever points at bytes not yet on
-// disk (data before header, extent before relink, delete header before reuse).
+// every write that another depends on is durable before the dependent one is
+// issued (GroupSync batches the syncs):
+// - an entry's data before its header;
+// - an extent before the link that reaches it;
+// - a delete header before the slot or the data range is reused;
+// - the delete header of every earlier header of a key before a new header
+//   of that key, so the file never holds two live headers for one key.
+// With Config::relaxedOrdering, "durable" weakens to "completed": the file
+// then survives a crash of the process but not a power loss.
+//
+// An entry goes through stages: Data (its data write is in flight or waits
+// for a sync), Parked (data durable, header waiting for an earlier header of
+// the key to be durably deleted), Header (header write in flight), Settled.
+// A write that fails takes its entry out of the tables, so the store never
+// reads back a range that was not written and never keeps a header it could
+// not write; the failure is counted (writeFailures()).
 //
 // One owner per file: the open takes an exclusive advisory lock on the file
 // before it reads anything and keeps it until the store is destroyed, so a
@@ -19,23 +33,26 @@
 // - every key of `entries_` equals the primary key of its EntryInfo's header;
 // - an EntryHeader slot is queued in `freeEntryHeaders_`, or owned by an
 //   EntryInfo of `entries_` or `pendingErasures_`, or covered by a delete
-//   header write in flight; never two of these;
+//   header write in flight, or lies in a given-up extent; never two of these;
 // - the data range of every EntryInfo overlaps no free range, no other
 //   entry's range and no table of the file;
-// - every EntryInfo in `pendingErasures_` has writePending set;
+// - every EntryInfo in `pendingErasures_` is in stage Data or Header;
+// - an entry is Parked only while `erasing_` counts its key;
 // - `types_` holds distinct names and the ids 1 to its size;
 // - `fileEnd_` never shrinks and stays below 2 GiB.
 //
 // Thread-safety: all public operations may be called from any thread; they
 // take `lock_` (re-entrant, innermost) themselves, except allocateData and
 // allocateEntryHeader, whose callers hold it. commit() and the destructor
-// must not run on an I/O completion thread.
+// must not run on an I/O completion thread or a group-sync step.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,9 +60,12 @@
 #include "pt/Mutex.h"
 #include "pt/PtIoDeviceFile.h"
 #include "pt/ThreadAnnotations.h"
+#include "store/FileDeleteEntryReceiver.h"
 #include "store/FileFormat.h"
 #include "store/FileLock.h"
+#include "store/FileOperations.h"
 #include "store/FreeSpace.h"
+#include "store/GroupSync.h"
 #include "store/SecondaryIndex.h"
 #include "tarn/Config.h"
 
@@ -63,27 +83,36 @@ class FileManager {
     ExtentHeader header;  // as read or written; nextExtent is not updated by a relink
     uint32_t location = 0;
   };
+  enum class Stage : uint8_t { Data, Parked, Header, Settled };
   struct EntryInfo {
     EntryHeader header;
     uint32_t headerOffset = 0;
     uint32_t serial = 0;
-    bool writePending = false;
+    Stage stage = Stage::Settled;
+    FileOperationRef operation;       // the write's, until Settled
+    FileOperationRef eraseOperation;  // in pendingErasures_: the erase's
+    bool writePending() const { return stage != Stage::Settled; }
   };
 
   // Opens the cache file at `path` (creating it first when it is missing and
-  // `config.createIfMissing` is set), verifies and loads it, gives every
-  // factory's type an id (writing the type table when types are new) and
-  // opens the asynchronous device. Throws Pt::ExSystem, ExUnsupportedFileVersion,
+  // `config.createIfMissing` is set), verifies and loads it, clears on disk
+  // what the load salvaged from a damaged file (the slots of dropped
+  // entries, a link to no extent), gives every factory's type an id (writing
+  // the type table when types are new; both writes are synced before the
+  // open goes on) and opens the asynchronous device. Throws Pt::ExSystem, ExUnsupportedFileVersion,
   // ExFactoryClassNotFound or std::bad_alloc; on a throw nothing of the store
   // survives and the file is unlocked.
   FileManager(const wchar_t* path, CacheManager* owner, const Config& config,
               const Pt::SmartPointer<FactoryManager>& factories);
-  // Waits for every outstanding file request of the process, flushes, frees.
+  // Waits for every operation of this file to end, flushes, frees.
   ~FileManager();
   FileManager(const FileManager&) = delete;
   FileManager& operator=(const FileManager&) = delete;
 
-  // Waits for every outstanding file request of the process, then flushes.
+  // Waits for every operation of this file that had started when it was
+  // called (down to the last header, delete and relink each one causes), then
+  // flushes. Operations started meanwhile are not waited for. Throws
+  // Pt::ExSystem when the flush fails.
   void commit();
 
   bool contains(const PrimaryKey& key);
@@ -96,15 +125,28 @@ class FileManager {
   void findPrimaryKeys(const SecondaryKey& secondaryKey, std::vector<PrimaryKey>& primaryKeys);
 
   // Entries. write enters the entry in the tables (visible at once) and
-  // queues its data; the header follows once the data is on disk. It throws
+  // queues its data; the header follows once the data is on disk. While
+  // 32 MiB of entry writes are queued, write waits for some of them to end
+  // before it takes anything, so the backlog stays bounded. It throws
   // std::invalid_argument for a key already stored or a bad key length,
   // ExFactoryClassNotFound for a type the file does not know, Pt::ExSystem
   // when space or the request cannot be had. Before the queueing nothing is
   // reserved on a throw; a refused queueing leaves the entry reserved.
   void write(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
              const std::string& type, int32_t length, const uint8_t* data);
-  // Settles write `serial` of `primaryKey` (called by its receivers).
+  // The steps of the store's flows, called by their receivers (I/O threads)
+  // and the group sync. None throws; failures are counted and posted.
+  void entryDataWritten(const PrimaryKey& primaryKey, uint32_t serial,
+                        const FileOperationRef& operation);
   void finishEntryWrite(const PrimaryKey& primaryKey, uint32_t serial);
+  void failEntryWrite(const PrimaryKey& primaryKey, uint32_t serial);
+  void failEntryHeader(const PrimaryKey& primaryKey, uint32_t serial,
+                       const FileOperationRef& operation);
+  void deleteWritten(const FileDeleteEntryReceiver::Target& target,
+                     const FileOperationRef& operation);
+  void failDelete(const PrimaryKey& primaryKey);
+  void extentWritten(uint32_t location, const FileOperationRef& operation);
+  void failExtent(uint32_t location);
   // Queues the read of the entry's data for request `requestId`; its
   // completion hands the rebuilt object to the owner's insert, or fails the
   // request. Throws ExFactoryClassNotFound when no factory serves the
@@ -120,9 +162,19 @@ class FileManager {
   void allocateData(uint32_t length, uint32_t& offset, uint32_t& allocatedLength)
       PT_REQUIRES(lock_);
   uint32_t allocateEntryHeader() PT_REQUIRES(lock_);
-  // A deleted entry's slot and range become free; its slot is the next one
-  // handed out. Takes lock() itself.
-  void releaseEntry(uint32_t headerOffset, uint32_t dataOffset, uint32_t allocatedLength);
+  // A slot and a range that no header on disk points at any more become
+  // free; the slot is the next one handed out.
+  void releaseSpace(uint32_t headerOffset, uint32_t dataOffset, uint32_t allocatedLength)
+      PT_REQUIRES(lock_);
+  // Writes that failed since the open (data, header, delete, extent, link,
+  // or the sync that was to make them durable): each means that something
+  // issued since the last commit() may not be in the file.
+  int32_t writeFailures() const { return writeFailures_.load(std::memory_order_relaxed); }
+  // Whether dependent writes wait for durability (see the class comment).
+  bool durableOrdering() const { return groupSync_->durable(); }
+  // Operations of this file not yet ended, and group syncs done (tests).
+  size_t openOperations() { return operations_.openCount(); }
+  uint64_t groupSyncs() { return groupSync_->syncCount(); }
 
   // The next serial of the process-wide counter.
   static uint32_t NextSerial();
@@ -132,6 +184,9 @@ class FileManager {
   const Pt::SmartPointer<Pt::PtIoDeviceFile>& device() const { return device_; }
   const Pt::SmartPointer<FactoryManager>& factories() const { return factories_; }
   uint32_t minAllocation() const { return minAllocation_; }
+  // The live entries the open dropped from the file as damaged (see
+  // CacheFileLoader); fixed once the store is open.
+  uint32_t droppedEntries() const { return droppedEntries_; }
   // The append frontier; read without the lock (statistics).
   int64_t fileEnd() const { return fileEnd_.load(std::memory_order_relaxed); }
 
@@ -157,21 +212,35 @@ class FileManager {
                          const std::string& type, uint32_t length) PT_REQUIRES(lock_);
   uint32_t typeIdLocked(const std::string& name) const PT_REQUIRES(lock_);
   const std::string& typeNameLocked(uint32_t id) const PT_REQUIRES(lock_);
-  void writeDeleteHeader(uint32_t headerOffset, uint32_t dataOffset, uint32_t allocatedLength)
+  void writeDeleteHeader(const PrimaryKey& key, const EntryInfo& info, FileOperationRef operation)
       PT_REQUIRES(lock_);
-  void load(int fd);
-  void registerTypes(int fd, uint32_t typeTableOffset) PT_REQUIRES(lock_);
+  void writeEntryHeader(EntryInfo& info) PT_REQUIRES(lock_);
+  void issueHeaderOrPark(const PrimaryKey& primaryKey, uint32_t serial) PT_REQUIRES(lock_);
+  void dropEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) PT_REQUIRES(lock_);
+  void keyDeleted(const PrimaryKey& primaryKey) PT_REQUIRES(lock_);
+  void countWriteFailure() { writeFailures_.fetch_add(1, std::memory_order_relaxed); }
+  bool inGivenUpExtent(uint32_t slot) const PT_REQUIRES(lock_);
+  void giveUpExtentsFrom(size_t index) PT_REQUIRES(lock_);
+  void linkExtent(uint32_t location, const FileOperationRef& operation) PT_REQUIRES(lock_);
+  void load(Pt::SyncFile& file);
+  void repairSalvaged(Pt::SyncFile& file, const std::vector<uint32_t>& droppedSlots,
+                      uint32_t chainCutAt) PT_REQUIRES(lock_);
+  void registerTypes(Pt::SyncFile& file, uint32_t typeTableOffset) PT_REQUIRES(lock_);
   // Advances fileEnd_ by `bytes` and returns where they start; EFBIG when
   // the file would reach 2 GiB.
   uint32_t growFileBy(uint64_t bytes) PT_REQUIRES(lock_);
   uint32_t appendExtent() PT_REQUIRES(lock_);
 
+  FileOperations operations_;  // destroyed last: every step refers to it
   const uint32_t minAllocation_;
   CacheManager* const owner_;
   const Pt::SmartPointer<FactoryManager> factories_;
   std::atomic<int64_t> fileEnd_{0};
+  uint32_t droppedEntries_ = 0;
   FileLock fileLock_;
   Pt::SmartPointer<Pt::PtIoDeviceFile> device_;
+  std::unique_ptr<GroupSync> groupSync_;
+  std::atomic<int32_t> writeFailures_{0};
 
   Pt::Mutex lock_;
   FreeSpace freeSpace_ PT_GUARDED_BY(lock_);
@@ -181,6 +250,14 @@ class FileManager {
   std::map<PrimaryKey, EntryInfo> entries_ PT_GUARDED_BY(lock_);
   SecondaryIndex secondaryIndex_ PT_GUARDED_BY(lock_);
   std::multimap<PrimaryKey, EntryInfo> pendingErasures_ PT_GUARDED_BY(lock_);
+  // Keys with an erased header that may still be on disk (a header write in
+  // flight, or a delete header not yet durable), and how many.
+  std::map<PrimaryKey, uint32_t> erasing_ PT_GUARDED_BY(lock_);
+  // Keys whose delete header failed: an old header may still be on disk, so
+  // no new header of the key is written while the store is open.
+  std::set<PrimaryKey> undeletable_ PT_GUARDED_BY(lock_);
+  // Slot arrays of extents given up after a failed write or link.
+  std::vector<FileRange> givenUpSlots_ PT_GUARDED_BY(lock_);
 };
 
 }  // namespace Tarn

@@ -1,36 +1,47 @@
-// The entry flows of the file store: write, settle, erase. Each changes the
-// tables under one hold of the lock and then queues its write, ordered so
-// that the file never holds a header that points at unwritten data, and never
-// loses a delete to a header write that lands after it.
+// The entry flows of the file store: write, settle, erase, and what happens
+// when one of their writes fails. Each step changes the tables under one hold
+// of the lock and then queues its write, so that the file never holds a
+// header that points at data not yet durable, nor two live headers for one
+// key.
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
 #include "core/RaiseSites.h"
-#include "store/FileDeleteEntryReceiver.h"
 #include "store/FileManager.h"
 #include "store/FileReadEntryReceiver.h"
+#include "store/FileWriteEntryHeaderReceiver.h"
 #include "store/FileWriteEntryReceiver.h"
 #include "tarn/Exceptions.h"
 
 namespace Tarn {
+namespace {
+
+// Bytes of entry writes that may be queued before write() waits for some to
+// end. Each write is charged at least kMinWriteCharge, so the count of queued
+// writes is bounded too.
+constexpr uint64_t kWriteBacklogBytes = uint64_t{32} << 20;
+constexpr uint64_t kMinWriteCharge = 1024;
+
+}  // namespace
 
 void FileManager::write(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
                         const std::string& type, int32_t length, const uint8_t* data) {
   if (length < 0 || (length > 0 && data == nullptr)) {
     throw std::invalid_argument("FileManager::write: no data");
   }
+  operations_.waitForRoom(kWriteBacklogBytes);
   EntryInfo info;
   {
     Pt::MutexLock guard(lock_);
     info = reserveEntry(primaryKey, secondaryKey, type, static_cast<uint32_t>(length));
   }
   // The data is copied and queued outside the lock; the header follows once
-  // the data is on disk (FileWriteEntryReceiver).
+  // the data is durable (entryDataWritten).
   const uint32_t allocated = info.header.allocatedLength;
-  const auto request =
-      Pt::IoRequest::Create(new FileWriteEntryReceiver(this, primaryKey, device_, info.serial,
-                                                       info.headerOffset, info.header.encode()),
-                            static_cast<int>(allocated), Pt::IoRequest::Normal);
+  const auto request = Pt::IoRequest::Create(
+      new FileWriteEntryReceiver(this, primaryKey, info.serial, info.operation),
+      static_cast<int>(allocated), Pt::IoRequest::Normal);
   if (length > 0) std::memcpy(request->data(), data, static_cast<size_t>(length));
   std::memset(request->data() + length, 0, allocated - static_cast<uint32_t>(length));
   request->setOffset(info.header.dataOffset);
@@ -50,6 +61,8 @@ FileManager::EntryInfo FileManager::reserveEntry(const PrimaryKey& primaryKey,
   // Validates both key lengths before anything is taken.
   EntryHeader header =
       EntryHeader::ForEntry(static_cast<uint16_t>(id), primaryKey, secondaryKey, 0, length, 0);
+  FileOperationRef operation =
+      operations_.begin(std::max<uint64_t>(length, kMinWriteCharge) + kEntryHeaderSize);
   const uint32_t slot = allocateEntryHeader();
   try {
     allocateData(length, header.dataOffset, header.allocatedLength);
@@ -57,46 +70,208 @@ FileManager::EntryInfo FileManager::reserveEntry(const PrimaryKey& primaryKey,
     freeEntryHeaders_.push_front(slot);  // the slot goes back where it came from
     throw;
   }
-  EntryInfo info{header, slot, NextSerial(), true};
+  EntryInfo info{header, slot, NextSerial(), Stage::Data, std::move(operation), {}};
   entries_.emplace(primaryKey, info);
   secondaryIndex_.add(secondaryKey, primaryKey);
   return info;
+}
+
+void FileManager::entryDataWritten(const PrimaryKey& primaryKey, uint32_t serial,
+                                   const FileOperationRef& operation) {
+  groupSync_->afterDurable([this, primaryKey, serial, operation](int error) {
+    if (error != 0) {
+      failEntryWrite(primaryKey, serial);
+      Pt::Exception::Post(
+          ExFileWriteEntry(kWriteEntryFailed.where, Pt::ExSystem(error, kWriteEntrySync.where)));
+      return;
+    }
+    Pt::MutexLock guard(lock_);
+    issueHeaderOrPark(primaryKey, serial);
+  });
+}
+
+// The data of write `serial` is durable. Its header goes out now, unless the
+// entry was erased meanwhile (then nothing on disk points at its slot and
+// range, which are free at once) or an earlier header of the key may still
+// be on disk (then the header waits until that one is durably deleted).
+void FileManager::issueHeaderOrPark(const PrimaryKey& primaryKey, uint32_t serial) {
+  const auto entry = entries_.find(primaryKey);
+  if (entry == entries_.end() || entry->second.serial != serial) {
+    auto [it, end] = pendingErasures_.equal_range(primaryKey);
+    for (; it != end; ++it) {
+      if (it->second.serial != serial) continue;
+      const EntryHeader& header = it->second.header;
+      releaseSpace(it->second.headerOffset, header.dataOffset, header.allocatedLength);
+      pendingErasures_.erase(it);
+      return;
+    }
+    return;  // given up with its extent
+  }
+  EntryInfo& info = entry->second;
+  if (undeletable_.count(primaryKey) != 0) {
+    dropEntry(entry);
+    countWriteFailure();
+    return;
+  }
+  if (erasing_.count(primaryKey) != 0) {
+    info.stage = Stage::Parked;
+    return;
+  }
+  writeEntryHeader(info);
+}
+
+void FileManager::writeEntryHeader(EntryInfo& info) {
+  info.stage = Stage::Header;
+  const PrimaryKey key = info.header.primaryKeyValue();
+  const auto request = Pt::IoRequest::Create(
+      new FileWriteEntryHeaderReceiver(this, key, info.serial, info.operation),
+      static_cast<int>(kEntryHeaderSize), Pt::IoRequest::Normal);
+  info.header.encodeTo(std::span<uint8_t, kEntryHeaderSize>(request->data(), kEntryHeaderSize));
+  request->setOffset(info.headerOffset);
+  device_->write(request);
 }
 
 void FileManager::finishEntryWrite(const PrimaryKey& primaryKey, uint32_t serial) {
   Pt::MutexLock guard(lock_);
   const auto entry = entries_.find(primaryKey);
   if (entry != entries_.end() && entry->second.serial == serial) {
-    entry->second.writePending = false;
+    entry->second.stage = Stage::Settled;
+    entry->second.operation.reset();
     return;
   }
-  // The entry was erased while this write was in flight: its delete header
+  // The entry was erased while its header was in flight: the delete header
   // can be written now that nothing else will land on its slot.
   auto [it, end] = pendingErasures_.equal_range(primaryKey);
   for (; it != end; ++it) {
     if (it->second.serial != serial) continue;
     const EntryInfo erased = it->second;
     pendingErasures_.erase(it);
-    writeDeleteHeader(erased.headerOffset, erased.header.dataOffset, erased.header.allocatedLength);
+    writeDeleteHeader(primaryKey, erased, erased.eraseOperation);
     return;
   }
+}
+
+// The data write failed (or the sync meant to make it durable): the range
+// holds unknown bytes and no header was written, so the entry leaves the
+// tables and its slot and range are free again.
+void FileManager::failEntryWrite(const PrimaryKey& primaryKey, uint32_t serial) {
+  countWriteFailure();
+  Pt::MutexLock guard(lock_);
+  const auto entry = entries_.find(primaryKey);
+  if (entry != entries_.end() && entry->second.serial == serial) {
+    dropEntry(entry);
+    return;
+  }
+  issueHeaderOrPark(primaryKey, serial);  // erased meanwhile: releases it
+}
+
+// The header write failed: the slot may hold a torn header. The entry leaves
+// the tables, and a delete header goes over the slot as for an erase.
+void FileManager::failEntryHeader(const PrimaryKey& primaryKey, uint32_t serial,
+                                  const FileOperationRef& operation) {
+  countWriteFailure();
+  Pt::MutexLock guard(lock_);
+  EntryInfo failed;
+  const auto entry = entries_.find(primaryKey);
+  if (entry != entries_.end() && entry->second.serial == serial) {
+    failed = entry->second;
+    secondaryIndex_.remove(failed.header.secondaryKeyValue(), primaryKey);
+    entries_.erase(entry);
+    ++erasing_[primaryKey];
+  } else {
+    auto [it, end] = pendingErasures_.equal_range(primaryKey);
+    while (it != end && it->second.serial != serial) ++it;
+    if (it == end) return;
+    failed = it->second;  // already counted in erasing_ by its erase
+    pendingErasures_.erase(it);
+    writeDeleteHeader(primaryKey, failed, failed.eraseOperation);
+    return;
+  }
+  writeDeleteHeader(primaryKey, failed, operation);
+}
+
+// Takes an entry whose header is not on disk out of the tables.
+void FileManager::dropEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) {
+  const EntryInfo& info = entry->second;
+  releaseSpace(info.headerOffset, info.header.dataOffset, info.header.allocatedLength);
+  secondaryIndex_.remove(info.header.secondaryKeyValue(), entry->first);
+  entries_.erase(entry);
 }
 
 bool FileManager::erase(const PrimaryKey& primaryKey) {
   Pt::MutexLock guard(lock_);
   const auto entry = entries_.find(primaryKey);
   if (entry == entries_.end()) return false;
-  const EntryInfo& info = entry->second;
-  // A header write in flight would land after a delete header and bring the
-  // entry back; such an entry waits in pendingErasures_ for its write to end.
-  if (!info.writePending) {
-    writeDeleteHeader(info.headerOffset, info.header.dataOffset, info.header.allocatedLength);
-  } else {
-    pendingErasures_.emplace(primaryKey, info);
+  EntryInfo& info = entry->second;
+  switch (info.stage) {
+    case Stage::Settled:  // the header is on disk: delete it now
+      ++erasing_[primaryKey];
+      writeDeleteHeader(primaryKey, info, operations_.begin());
+      break;
+    case Stage::Header:  // a delete now could land before the header: wait
+      ++erasing_[primaryKey];
+      info.eraseOperation = operations_.begin();
+      pendingErasures_.emplace(primaryKey, info);
+      break;
+    case Stage::Data:  // no header yet: the slot is freed when the data settles
+      info.eraseOperation = operations_.begin();
+      pendingErasures_.emplace(primaryKey, info);
+      break;
+    case Stage::Parked:  // no header on disk and none coming
+      releaseSpace(info.headerOffset, info.header.dataOffset, info.header.allocatedLength);
+      break;
   }
   secondaryIndex_.remove(info.header.secondaryKeyValue(), primaryKey);
   entries_.erase(entry);
   return true;
+}
+
+void FileManager::writeDeleteHeader(const PrimaryKey& key, const EntryInfo& info,
+                                    FileOperationRef operation) {
+  const FileDeleteEntryReceiver::Target target{key, info.headerOffset, info.header.dataOffset,
+                                               info.header.allocatedLength};
+  const auto request =
+      Pt::IoRequest::Create(new FileDeleteEntryReceiver(this, target, std::move(operation)),
+                            static_cast<int>(kEntryHeaderSize), Pt::IoRequest::Normal);
+  std::memset(request->data(), 0, kEntryHeaderSize);
+  request->setOffset(info.headerOffset);
+  device_->write(request);
+}
+
+void FileManager::deleteWritten(const FileDeleteEntryReceiver::Target& target,
+                                const FileOperationRef& operation) {
+  groupSync_->afterDurable([this, target, operation](int error) {
+    if (error != 0) {
+      failDelete(target.primaryKey);
+      Pt::Exception::Post(
+          ExFileReadEntry(kDeleteHeaderFailed.where, Pt::ExSystem(error, kDeleteSync.where)));
+      return;
+    }
+    Pt::MutexLock guard(lock_);
+    releaseSpace(target.headerOffset, target.dataOffset, target.allocatedLength);
+    keyDeleted(target.primaryKey);
+  });
+}
+
+// The old header may still be on disk, pointing at its slot and range: both
+// stay out of use, and no new header of the key is written while the store
+// is open, so that the file never holds two headers of it.
+void FileManager::failDelete(const PrimaryKey& primaryKey) {
+  countWriteFailure();
+  Pt::MutexLock guard(lock_);
+  undeletable_.insert(primaryKey);
+  keyDeleted(primaryKey);
+}
+
+// One erased header of the key is settled; when none is left, a header of the
+// key that was parked behind them goes out.
+void FileManager::keyDeleted(const PrimaryKey& primaryKey) {
+  const auto erasing = erasing_.find(primaryKey);
+  if (erasing == erasing_.end() || --erasing->second != 0) return;
+  erasing_.erase(erasing);
+  const auto entry = entries_.find(primaryKey);
+  if (entry == entries_.end() || entry->second.stage != Stage::Parked) return;
+  issueHeaderOrPark(primaryKey, entry->second.serial);
 }
 
 void FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
@@ -111,21 +286,10 @@ void FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
   }
   // A stored type without a factory cannot be rebuilt: the lookup throws.
   const Pt::SmartPointer<CacheableFactory>& factory = factories_->lookup(type);
-  const auto request = Pt::IoRequest::Create(
-      new FileReadEntryReceiver(owner_, factory, primaryKey, header.secondaryKeyValue(), requestId),
-      static_cast<int>(header.dataLength), Pt::IoRequest::Normal);
-  request->setOffset(header.dataOffset);
-  device_->read(request);
-}
-
-void FileManager::writeDeleteHeader(uint32_t headerOffset, uint32_t dataOffset,
-                                    uint32_t allocatedLength) {
-  const auto request = Pt::IoRequest::Create(
-      new FileDeleteEntryReceiver(headerOffset, dataOffset, allocatedLength, this),
-      static_cast<int>(kEntryHeaderSize), Pt::IoRequest::Normal);
-  std::memset(request->data(), 0, kEntryHeaderSize);
-  request->setOffset(headerOffset);
-  device_->write(request);
+  FileReadEntryReceiver::Queue(
+      *device_, header,
+      Pt::SmartPointer<FileReadEntryReceiver>(new FileReadEntryReceiver(
+          owner_, factory, primaryKey, header.secondaryKeyValue(), requestId, operations_.begin())));
 }
 
 }  // namespace Tarn

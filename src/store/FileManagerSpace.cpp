@@ -9,7 +9,9 @@
 #include "core/RaiseSites.h"
 #include "store/CacheFileLoader.h"
 #include "store/FileManager.h"
+#include "store/FileWriteExtentHeaderReceiver.h"
 #include "store/FileWriteExtentReceiver.h"
+#include "tarn/Exceptions.h"
 
 namespace Tarn {
 
@@ -46,23 +48,21 @@ uint32_t FileManager::allocateEntryHeader() {
 
 // Appends a block of kEntriesPerExtent free slots at the end of the file and
 // hands out its first slot at once. The previous extent is relinked to it only
-// after the block is on disk (FileWriteExtentReceiver), so the chain in the
-// file never reaches bytes that are not yet written.
+// after the block is durable (extentWritten), so the chain in the file never
+// reaches bytes that are not yet written. Headers may go into its slots
+// before that: they are unreachable until the link, and the device orders
+// them behind the block, which covers them.
 uint32_t FileManager::appendExtent() {
+  FileOperationRef operation = operations_.begin();
   const uint32_t location = growFileBy(kExtentBlockSize);
-  const ExtentInfo previous = extents_.back();
   const ExtentHeader header = ExtentHeader::ForNewExtent(location);
   extents_.push_back({header, location});
   for (uint32_t slot = 1; slot < kEntriesPerExtent; ++slot) {
     freeEntryHeaders_.push_back(header.entriesOffset + slot * kEntryHeaderSize);
   }
-
-  ExtentHeader relinked = previous.header;
-  relinked.nextExtent = location;
-  const Pt::SmartPointer<FileWriteExtentReceiver> receiver(
-      new FileWriteExtentReceiver(device_, previous.location, relinked.encode()));
-  const auto request = Pt::IoRequest::Create(receiver.get(), static_cast<int>(kExtentBlockSize),
-                                             Pt::IoRequest::Normal);
+  const auto request =
+      Pt::IoRequest::Create(new FileWriteExtentReceiver(this, location, std::move(operation)),
+                            static_cast<int>(kExtentBlockSize), Pt::IoRequest::Normal);
   std::memset(request->data(), 0, kExtentBlockSize);
   header.encodeTo(std::span<uint8_t, kExtentHeaderSize>(request->data(), kExtentHeaderSize));
   request->setOffset(location);
@@ -70,10 +70,80 @@ uint32_t FileManager::appendExtent() {
   return header.entriesOffset;
 }
 
-void FileManager::releaseEntry(uint32_t headerOffset, uint32_t dataOffset,
-                               uint32_t allocatedLength) {
+void FileManager::extentWritten(uint32_t location, const FileOperationRef& operation) {
+  groupSync_->afterDurable([this, location, operation](int error) {
+    if (error != 0) {
+      failExtent(location);
+      Pt::Exception::Post(
+          ExFileWriteExtent(kWriteExtentFailed.where, Pt::ExSystem(error, kWriteExtentSync.where)));
+      return;
+    }
+    Pt::MutexLock guard(lock_);
+    linkExtent(location, operation);
+  });
+}
+
+// Rewrites the header of the extent before `location` with its nextExtent
+// set. Nothing is written for an extent given up meanwhile.
+void FileManager::linkExtent(uint32_t location, const FileOperationRef& operation) {
+  for (size_t index = 1; index < extents_.size(); ++index) {
+    if (extents_[index].location != location) continue;
+    ExtentHeader relinked = extents_[index - 1].header;
+    relinked.nextExtent = location;
+    const auto request =
+        Pt::IoRequest::Create(new FileWriteExtentHeaderReceiver(this, location, operation),
+                              static_cast<int>(kExtentHeaderSize), Pt::IoRequest::Normal);
+    relinked.encodeTo(std::span<uint8_t, kExtentHeaderSize>(request->data(), kExtentHeaderSize));
+    request->setOffset(extents_[index - 1].location);
+    device_->write(request);
+    return;
+  }
+}
+
+void FileManager::failExtent(uint32_t location) {
+  countWriteFailure();
   Pt::MutexLock guard(lock_);
-  freeEntryHeaders_.push_front(headerOffset);
+  for (size_t index = 1; index < extents_.size(); ++index) {
+    if (extents_[index].location == location) {
+      giveUpExtentsFrom(index);
+      return;
+    }
+  }
+}
+
+// The extent at `index` cannot be reached from the chain, and neither can any
+// extent appended behind it, whose link starts from it. Their free slots are
+// withdrawn, the entries placed in them leave the tables (their headers could
+// never be found), and the next extent links from the last one still reached.
+void FileManager::giveUpExtentsFrom(size_t index) {
+  for (size_t i = index; i < extents_.size(); ++i) {
+    const uint32_t slots = extents_[i].header.entriesOffset;
+    givenUpSlots_.push_back({slots, kExtentSlotsSize});
+  }
+  extents_.resize(index);
+  std::erase_if(freeEntryHeaders_, [this](uint32_t slot) { return inGivenUpExtent(slot); });
+  for (auto entry = entries_.begin(); entry != entries_.end();) {
+    const auto next = std::next(entry);
+    if (inGivenUpExtent(entry->second.headerOffset)) {
+      countWriteFailure();
+      dropEntry(entry);
+    }
+    entry = next;
+  }
+}
+
+bool FileManager::inGivenUpExtent(uint32_t slot) const {
+  for (const FileRange& range : givenUpSlots_) {
+    if (slot >= range.offset && slot < range.end()) return true;
+  }
+  return false;
+}
+
+// A slot and a range that no header on disk points at any more become free;
+// the slot is the next one handed out. A slot of a given-up extent stays out.
+void FileManager::releaseSpace(uint32_t headerOffset, uint32_t dataOffset,
+                               uint32_t allocatedLength) {
+  if (!inGivenUpExtent(headerOffset)) freeEntryHeaders_.push_front(headerOffset);
   freeSpace_.add(dataOffset, allocatedLength);
 }
 
@@ -93,8 +163,11 @@ void FileManager::checkInvariants() {
     own(info);
   }
   for (const auto& [key, info] : pendingErasures_) {
-    assert(info.writePending);
+    assert(info.stage == Stage::Data || info.stage == Stage::Header);
     own(info);
+  }
+  for (const auto& [key, info] : entries_) {
+    assert(info.stage != Stage::Parked || erasing_.count(key) != 0);
   }
   std::sort(claimed.begin(), claimed.end(),
             [](const FileRange& a, const FileRange& b) { return a.offset < b.offset; });

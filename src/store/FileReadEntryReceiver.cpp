@@ -1,36 +1,70 @@
 #include "store/FileReadEntryReceiver.h"
 
+#include <climits>
+#include <memory>
+
+#include "core/ClientException.h"
 #include "core/RaiseSites.h"
 #include "manager/CacheManager.h"
 #include "tarn/Exceptions.h"
 
 namespace Tarn {
+namespace {
+
+// A request's length is an int: no entry's data can be longer.
+constexpr uint32_t kMaxReadLength = INT_MAX;
+
+}  // namespace
 
 FileReadEntryReceiver::FileReadEntryReceiver(CacheManager* manager,
                                              const Pt::SmartPointer<CacheableFactory>& factory,
                                              const PrimaryKey& primaryKey,
-                                             const SecondaryKey& secondaryKey, int32_t requestId)
-    : manager_(manager),
+                                             const SecondaryKey& secondaryKey, int32_t requestId,
+                                             FileOperationRef operation)
+    : FileReceiverBase(std::move(operation)),
+      manager_(manager),
       factory_(factory),
       primaryKey_(primaryKey),
       secondaryKey_(secondaryKey),
       requestId_(requestId) {}
 
+void FileReadEntryReceiver::Queue(Pt::IoDevice& device, const EntryHeader& header,
+                                  const Pt::SmartPointer<FileReadEntryReceiver>& receiver) {
+  // A damaged header is refused before anything is allocated: its length
+  // could ask for gigabytes, or for bytes of a neighbouring entry.
+  if (header.dataLength > header.allocatedLength || header.dataLength > kMaxReadLength) {
+    throw ExFileReadEntry(kReadEntryDamaged.where);
+  }
+  const auto request = Pt::IoRequest::Create(receiver.get(), static_cast<int>(header.dataLength),
+                                             Pt::IoRequest::Normal);
+  request->setOffset(header.dataOffset);
+  device.read(request);
+}
+
 void FileReadEntryReceiver::ioCompleted(Pt::IoRequest& request) {
   try {
-    const Pt::SmartPointer<Buffer> buffer = Buffer::Create(request.byteCount(), request.data());
-    const Pt::SmartPointer<Cacheable> cacheable = factory_->decode(primaryKey_, buffer);
-    if (!cacheable) {
-      throw Pt::Exception(Pt::ExReason{kDecodeNoObjectMessage, kDecodeNoObject.where, 1});
-    }
-    manager_->insert(primaryKey_, secondaryKey_, cacheable, requestId_);
-  } catch (const Pt::Exception& error) {
-    manager_->failPending(primaryKey_, ExFileReadEntry(kReadEntryRebuild.where, error));
+    rebuild(request);
+  } catch (...) {
+    const std::unique_ptr<Pt::Exception> error = CaughtAsPtException();
+    manager_->failPending(primaryKey_, requestId_,
+                          ExFileReadEntry(kReadEntryRebuild.where, *error));
   }
 }
 
+void FileReadEntryReceiver::rebuild(Pt::IoRequest& request) {
+  // A read that ends early ran into the end of the file: the entry's range
+  // lies beyond it, and a part of its bytes would be garbage.
+  if (request.byteCount() != request.length()) throw ExFileReadEntry(kReadEntryDamaged.where);
+  const Pt::SmartPointer<Buffer> buffer = Buffer::Create(request.byteCount(), request.data());
+  const Pt::SmartPointer<Cacheable> cacheable = factory_->decode(primaryKey_, buffer);
+  if (!cacheable) {
+    throw Pt::Exception(Pt::ExReason{kDecodeNoObjectMessage, kDecodeNoObject.where, 1});
+  }
+  manager_->insert(primaryKey_, secondaryKey_, cacheable, requestId_);
+}
+
 void FileReadEntryReceiver::ioFailed(Pt::IoRequest& /*request*/, const Pt::Exception& cause) {
-  manager_->failPending(primaryKey_, ExFileReadEntry(kReadEntryFailed.where, cause));
+  manager_->failPending(primaryKey_, requestId_, ExFileReadEntry(kReadEntryFailed.where, cause));
 }
 
 }  // namespace Tarn

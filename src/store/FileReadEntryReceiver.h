@@ -1,12 +1,15 @@
 // Completion of the read of an entry's data: the object is rebuilt through
 // its type's factory and handed to the cache manager's insert for the request
-// that asked for it. Anything that fails from here on (the read, decode,
-// insert) ends the key's pending request through failPending with an
-// ExFileReadEntry; nothing is posted, since the waiting receivers are told.
+// that asked for it. Anything that fails from here on (the read, a short
+// read, decode, insert; whatever they throw) ends that request through
+// failPending with an ExFileReadEntry; nothing is posted, since the waiting
+// receivers are told. A request that has meanwhile ended is left alone.
 #pragma once
 
 #include <cstdint>
 
+#include "pt/IoDevice.h"
+#include "store/FileFormat.h"
 #include "store/FileReceiverBase.h"
 #include "tarn/CacheKey.h"
 #include "tarn/CacheableFactory.h"
@@ -21,12 +24,24 @@ class FileReadEntryReceiver : public FileReceiverBase {
   // before it is destroyed.
   FileReadEntryReceiver(CacheManager* manager, const Pt::SmartPointer<CacheableFactory>& factory,
                         const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
-                        int32_t requestId);
+                        int32_t requestId, FileOperationRef operation);
+
+  // Queues on `device` the read of the data that `header` records, to
+  // complete on `receiver`. Throws ExFileReadEntry (kReadEntryDamaged) for a
+  // header whose data length exceeds its allocation or the largest request
+  // the device takes, and whatever the request's creation or queueing
+  // throws. On a throw nothing is queued and the caller's reference is the
+  // receiver's last, so dropping it ends the receiver: a failed queueing
+  // never leaves the process-wide count of pending receivers raised.
+  static void Queue(Pt::IoDevice& device, const EntryHeader& header,
+                    const Pt::SmartPointer<FileReadEntryReceiver>& receiver);
 
   void ioCompleted(Pt::IoRequest& request) override;
   void ioFailed(Pt::IoRequest& request, const Pt::Exception& cause) override;
 
  private:
+  void rebuild(Pt::IoRequest& request);
+
   CacheManager* manager_;
   Pt::SmartPointer<CacheableFactory> factory_;
   PrimaryKey primaryKey_;

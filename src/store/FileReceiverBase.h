@@ -2,38 +2,33 @@
 //
 // Each asynchronous request of a cache file carries one receiver, created
 // with new and handed to the device at once; the request holds the only
-// reference, so a receiver lives exactly as long as its request. The base
-// counts the receivers alive in the whole process. waitForAll() blocks until
-// that count is 0: every request of every cache file has completed or failed
-// and been released. A receiver that issues a follow-up request creates the
-// next receiver before it dies, so the count never passes through 0 in the
-// middle of a chain and waitForAll() waits for whole chains.
+// reference, so a receiver lives exactly as long as its request. Each
+// receiver holds a reference to the store operation it is a step of
+// (FileOperations): a step that issues a follow-up request, or hands a step
+// to the group sync, passes the reference on before it dies, so the operation
+// stays open across the whole chain and commit() and the store's destructor
+// wait for chains as a whole.
 //
-// Thread-safety: receivers are called on I/O threads; the count is atomic and
-// only its fall to 0 takes the (leaf) mutex that sleepers wait on. Never call
-// waitForAll() from a receiver: it would wait for itself.
+// Thread-safety: receivers are called on I/O threads.
 #pragma once
 
-#include <cstdint>
-
 #include "pt/IoRequest.h"
+#include "store/FileOperations.h"
 
 namespace Tarn {
 
 class FileReceiverBase : public Pt::IoNotify {
  public:
-  // Blocks until no file receiver is alive in the process. Every sleeper is
-  // woken when the count reaches 0.
-  static void waitForAll();
-  // Receivers alive now (for tests and statistics).
-  static int32_t pendingCount();
-
   // No receiver uses the platform's second notification.
   void ioNotified(Pt::IoRequest& /*request*/) override {}
 
  protected:
-  FileReceiverBase();
-  ~FileReceiverBase() override;
+  explicit FileReceiverBase(FileOperationRef operation) : operation_(std::move(operation)) {}
+
+  const FileOperationRef& operation() const { return operation_; }
+
+ private:
+  FileOperationRef operation_;
 };
 
 }  // namespace Tarn

@@ -1,10 +1,10 @@
-// Completion of the write of an entry's EntryHeader: the entry is durable.
-// Either way the write is settled in the store (finishEntryWrite), which also
-// carries out an erase that arrived while the write was in flight; a failure
-// is then posted as ExFileWriteEntryHeader.
+// Completion of the write of an entry's EntryHeader: the entry is in the
+// file. The store settles the entry (FileManager::finishEntryWrite), which
+// also carries out an erase that arrived while the write was in flight. On
+// failure the slot may hold a torn header: the store takes the entry out of
+// its tables and writes a delete header over the slot; ExFileWriteEntryHeader
+// is posted.
 #pragma once
-
-#include <cstdint>
 
 #include "store/FileReceiverBase.h"
 #include "tarn/CacheKey.h"
@@ -16,8 +16,11 @@ class FileManager;
 class FileWriteEntryHeaderReceiver : public FileReceiverBase {
  public:
   FileWriteEntryHeaderReceiver(FileManager* fileManager, const PrimaryKey& primaryKey,
-                               uint32_t serial)
-      : fileManager_(fileManager), primaryKey_(primaryKey), serial_(serial) {}
+                               uint32_t serial, FileOperationRef operation)
+      : FileReceiverBase(std::move(operation)),
+        fileManager_(fileManager),
+        primaryKey_(primaryKey),
+        serial_(serial) {}
 
   void ioCompleted(Pt::IoRequest& request) override;
   void ioFailed(Pt::IoRequest& request, const Pt::Exception& cause) override;

@@ -1,19 +1,14 @@
 // Completion of the write of an entry's data.
 //
 // An EntryHeader on disk must never point at data that is not there yet, so
-// the header is written only now that the data is: on success this receiver
-// queues the 64-byte header at the entry's slot, through a
-// FileWriteEntryHeaderReceiver. On failure it settles the entry in the store
-// (finishEntryWrite) and posts ExFileWriteEntry; no header is written, so the
-// entry is gone after the next open.
+// the header is written only after the data: on success the store queues the
+// header once the data is durable (FileManager::entryDataWritten). On failure
+// the entry is taken out of the file's tables, so that it is never read back
+// from the unwritten range, and ExFileWriteEntry is posted.
 #pragma once
 
-#include <array>
-#include <cstdint>
-
-#include "pt/PtIoDeviceFile.h"
-#include "store/FileFormat.h"
 #include "store/FileReceiverBase.h"
+#include "tarn/CacheKey.h"
 
 namespace Tarn {
 
@@ -22,11 +17,13 @@ class FileManager;
 class FileWriteEntryReceiver : public FileReceiverBase {
  public:
   // `fileManager` outlives the receiver: its destructor waits for every
-  // receiver first.
-  FileWriteEntryReceiver(FileManager* fileManager, const PrimaryKey& primaryKey,
-                         const Pt::SmartPointer<Pt::PtIoDeviceFile>& device, uint32_t serial,
-                         uint32_t headerOffset,
-                         const std::array<uint8_t, kEntryHeaderSize>& header);
+  // operation first.
+  FileWriteEntryReceiver(FileManager* fileManager, const PrimaryKey& primaryKey, uint32_t serial,
+                         FileOperationRef operation)
+      : FileReceiverBase(std::move(operation)),
+        fileManager_(fileManager),
+        primaryKey_(primaryKey),
+        serial_(serial) {}
 
   void ioCompleted(Pt::IoRequest& request) override;
   void ioFailed(Pt::IoRequest& request, const Pt::Exception& cause) override;
@@ -34,10 +31,7 @@ class FileWriteEntryReceiver : public FileReceiverBase {
  private:
   FileManager* fileManager_;
   PrimaryKey primaryKey_;
-  Pt::SmartPointer<Pt::PtIoDeviceFile> device_;
   uint32_t serial_;
-  uint32_t headerOffset_;
-  std::array<uint8_t, kEntryHeaderSize> header_;
 };
 
 }  // namespace Tarn

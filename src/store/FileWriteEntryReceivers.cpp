@@ -1,39 +1,22 @@
-// The two receivers of an entry write: data first, then the header.
-#include <cstring>
-
+// The receivers of the store's writes. Each hands its outcome to the store,
+// which owns the ordering; a failure is posted once, here, where it happens.
 #include "core/RaiseSites.h"
+#include "store/FileDeleteEntryReceiver.h"
 #include "store/FileManager.h"
 #include "store/FileWriteEntryHeaderReceiver.h"
 #include "store/FileWriteEntryReceiver.h"
+#include "store/FileWriteExtentHeaderReceiver.h"
+#include "store/FileWriteExtentReceiver.h"
 #include "tarn/Exceptions.h"
 
 namespace Tarn {
 
-FileWriteEntryReceiver::FileWriteEntryReceiver(FileManager* fileManager,
-                                               const PrimaryKey& primaryKey,
-                                               const Pt::SmartPointer<Pt::PtIoDeviceFile>& device,
-                                               uint32_t serial, uint32_t headerOffset,
-                                               const std::array<uint8_t, kEntryHeaderSize>& header)
-    : fileManager_(fileManager),
-      primaryKey_(primaryKey),
-      device_(device),
-      serial_(serial),
-      headerOffset_(headerOffset),
-      header_(header) {}
-
 void FileWriteEntryReceiver::ioCompleted(Pt::IoRequest& /*request*/) {
-  // The header's receiver exists before this one dies, so the count of live
-  // receivers never passes through 0 between the two writes.
-  const auto request =
-      Pt::IoRequest::Create(new FileWriteEntryHeaderReceiver(fileManager_, primaryKey_, serial_),
-                            static_cast<int>(kEntryHeaderSize), Pt::IoRequest::Normal);
-  std::memcpy(request->data(), header_.data(), kEntryHeaderSize);
-  request->setOffset(headerOffset_);
-  device_->write(request);
+  fileManager_->entryDataWritten(primaryKey_, serial_, operation());
 }
 
 void FileWriteEntryReceiver::ioFailed(Pt::IoRequest& /*request*/, const Pt::Exception& cause) {
-  fileManager_->finishEntryWrite(primaryKey_, serial_);
+  fileManager_->failEntryWrite(primaryKey_, serial_);
   Pt::Exception::Post(ExFileWriteEntry(kWriteEntryFailed.where, cause));
 }
 
@@ -43,8 +26,35 @@ void FileWriteEntryHeaderReceiver::ioCompleted(Pt::IoRequest& /*request*/) {
 
 void FileWriteEntryHeaderReceiver::ioFailed(Pt::IoRequest& /*request*/,
                                             const Pt::Exception& cause) {
-  fileManager_->finishEntryWrite(primaryKey_, serial_);
+  fileManager_->failEntryHeader(primaryKey_, serial_, operation());
   Pt::Exception::Post(ExFileWriteEntryHeader(kWriteEntryHeaderFailed.where, cause));
+}
+
+void FileDeleteEntryReceiver::ioCompleted(Pt::IoRequest& /*request*/) {
+  fileManager_->deleteWritten(target_, operation());
+}
+
+void FileDeleteEntryReceiver::ioFailed(Pt::IoRequest& /*request*/, const Pt::Exception& cause) {
+  fileManager_->failDelete(target_.primaryKey);
+  // Reported as an entry-read failure, the class callers watch for.
+  Pt::Exception::Post(ExFileReadEntry(kDeleteHeaderFailed.where, cause));
+}
+
+void FileWriteExtentReceiver::ioCompleted(Pt::IoRequest& /*request*/) {
+  fileManager_->extentWritten(location_, operation());
+}
+
+void FileWriteExtentReceiver::ioFailed(Pt::IoRequest& /*request*/, const Pt::Exception& cause) {
+  fileManager_->failExtent(location_);
+  Pt::Exception::Post(ExFileWriteExtent(kWriteExtentFailed.where, cause));
+}
+
+void FileWriteExtentHeaderReceiver::ioCompleted(Pt::IoRequest& /*request*/) {}
+
+void FileWriteExtentHeaderReceiver::ioFailed(Pt::IoRequest& /*request*/,
+                                             const Pt::Exception& cause) {
+  fileManager_->failExtent(location_);
+  Pt::Exception::Post(ExFileWriteExtentHeader(kWriteExtentHeaderFailed.where, cause));
 }
 
 }  // namespace Tarn

@@ -1,36 +1,32 @@
 // Completion of the write of a new extent (header and 4096 free slots).
 //
-// Only once the whole extent is on disk may the chain reach it: on success
-// this receiver writes the previous extent's ExtentHeader again, now with
-// nextExtent pointing at the new extent, through a
-// FileWriteExtentHeaderReceiver. On failure it posts ExFileWriteExtent and
-// the relink is never written, so the file's chain never reaches a block
-// that may hold garbage.
+// Only once the whole extent is durable may the chain reach it: on success
+// the store relinks the previous extent to it after the next group sync
+// (FileManager::extentWritten). On failure the extent, and any extent
+// appended behind it, is given up: its slots are never handed out, the
+// entries already placed in them are taken out of the file's tables, the next
+// entry tries a new extent, and ExFileWriteExtent is posted.
 #pragma once
 
-#include <array>
 #include <cstdint>
 
-#include "pt/PtIoDeviceFile.h"
-#include "store/FileFormat.h"
 #include "store/FileReceiverBase.h"
 
 namespace Tarn {
 
+class FileManager;
+
 class FileWriteExtentReceiver : public FileReceiverBase {
  public:
-  // `previousHeader` is the 16-byte image to write at `previousLocation`.
-  FileWriteExtentReceiver(const Pt::SmartPointer<Pt::PtIoDeviceFile>& device,
-                          uint32_t previousLocation,
-                          const std::array<uint8_t, kExtentHeaderSize>& previousHeader);
+  FileWriteExtentReceiver(FileManager* fileManager, uint32_t location, FileOperationRef operation)
+      : FileReceiverBase(std::move(operation)), fileManager_(fileManager), location_(location) {}
 
   void ioCompleted(Pt::IoRequest& request) override;
   void ioFailed(Pt::IoRequest& request, const Pt::Exception& cause) override;
 
  private:
-  Pt::SmartPointer<Pt::PtIoDeviceFile> device_;
-  uint32_t previousLocation_;
-  std::array<uint8_t, kExtentHeaderSize> previousHeader_;
+  FileManager* fileManager_;
+  uint32_t location_;
 };
 
 }  // namespace Tarn

@@ -1,13 +1,12 @@
 // The primary keys of a cache file's entries, by secondary key.
 //
 // Secondary keys need not be unique: one secondary key may list several
-// primary keys, and a file that held two live headers of one primary key
-// lists that key twice. A lookup returns its keys sorted, so the order in
+// primary keys. A lookup returns its keys sorted, so the order in
 // which equal secondary keys were added is never visible.
 //
 // Many applications never look up by secondary key, so the open does not pay
 // for the index: it starts deferred, and the first lookup builds it from the
-// file store's entries (plus the duplicate headers the open set aside). While
+// file store's entries. While
 // deferred, add and remove have nothing to do: the entries are the truth.
 //
 // Not thread-safe: the file store's lock guards it.
@@ -29,18 +28,11 @@ class SecondaryIndex {
     deferred_ = true;
   }
   bool deferred() const { return deferred_; }
-  // A second live header of an already indexed primary key, met by the open.
-  void addDuplicate(const SecondaryKey& secondary, const PrimaryKey& primary) {
-    duplicates_.emplace_back(secondary, primary);
-  }
   // Builds a deferred index from `entries`, a range whose elements
   // `secondaryOf` maps to {secondary key, primary key}.
   template <class Entries, class SecondaryOf>
   void build(const Entries& entries, SecondaryOf secondaryOf) {
     for (const auto& entry : entries) pairs_.insert(secondaryOf(entry));
-    for (const auto& pair : duplicates_) pairs_.insert(pair);
-    duplicates_.clear();
-    duplicates_.shrink_to_fit();
     deferred_ = false;
   }
 
@@ -53,7 +45,6 @@ class SecondaryIndex {
 
  private:
   std::multimap<SecondaryKey, PrimaryKey> pairs_;
-  std::vector<std::pair<SecondaryKey, PrimaryKey>> duplicates_;
   bool deferred_ = false;
 };
 

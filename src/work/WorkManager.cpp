@@ -14,8 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "core/RaiseSites.h"
+#include "core/ClientException.h"
 #include "core/ConfigRules.h"
+#include "core/RaiseSites.h"
 #include "pt/CondVar.h"
 #include "pt/Mutex.h"
 
@@ -25,9 +26,6 @@ namespace {
 using RequestList = std::list<Pt::SmartPointer<WorkRequest>>;
 
 constexpr int kPriorities = 3;
-
-// A request let an exception escape that is not a Pt::Exception; nobody can
-// catch it on a worker, so it is posted.
 
 // Two owners may use the same request ids, so a request is known by both.
 struct RequestKey {
@@ -230,7 +228,7 @@ Pt::SmartPointer<WorkRequest> TakeNext(const WorkManager* worker, std::optional<
   return request;
 }
 
-// Reports an exception that the request's own handler cannot take.
+// Reports an exception that escaped the request's own handler.
 void PostForeign(const WorkRequest& request, const char* what) {
   std::wstring message = L"Work request " + std::to_wstring(request.requestId()) + L" of owner " +
                          std::to_wstring(request.ownerId()) +
@@ -250,8 +248,10 @@ void RunRequest(Pt::SmartPointer<WorkRequest> request) {
   try {
     try {
       request->run();
-    } catch (const Pt::Exception& error) {
-      request->handleException(error);
+    } catch (...) {
+      // Whatever run() threw, the request hears it: whoever waits on it must
+      // be told, and only the request knows who that is.
+      request->handleException(*CaughtAsPtException());
     }
   } catch (const Pt::Exception& error) {  // from handleException
     Pt::Exception::Post(error);

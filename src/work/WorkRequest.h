@@ -24,8 +24,10 @@ class WorkRequest : public Pt::SmartPointerBase {
 
   // The work, on a worker thread with no lock of the work manager held.
   virtual void run() = 0;
-  // Called on the same thread when run() throws a Pt::Exception; `error` is
-  // valid only during the call.
+  // Called on the same thread when run() throws, whatever it throws: an
+  // exception that is not a Pt::Exception arrives wrapped in one (see
+  // core/ClientException.h). `error` is valid only during the call; what this
+  // throws in turn is posted.
   virtual void handleException(const Pt::Exception& error) = 0;
 
  private:

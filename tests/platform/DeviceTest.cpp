@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/IoFaultInjection.h"
+#include "platform/IoTrace.h"
+#include "platform/TestPoint.h"
 #include "pt/Platform.h"
 #include "pt/PtIoDeviceFile.h"
 #include "support/IoRecorder.h"
@@ -20,8 +22,10 @@ namespace {
 
 using Pt::IoFaultInjection;
 using Pt::IoRequest;
+using Pt::IoTrace;
 using Pt::PtIoDeviceFile;
 using Pt::SmartPointer;
+using Pt::TestPoint;
 using TarnTest::IoRecorder;
 using Action = IoFaultInjection::Action;
 using Bytes = std::vector<uint8_t>;
@@ -43,6 +47,8 @@ class DeviceTest : public testing::TestWithParam<Pt::IoEngineKind> {
   }
 
   void TearDown() override {
+    TestPoint::Unwatch();
+    IoTrace::Stop();
     IoFaultInjection::Clear();
     device_.reset();
     Pt::PlatformUninit();
@@ -138,19 +144,74 @@ TEST_P(DeviceTest, HeldRequestDelaysOnlyOverlapsAndFlushWaitsForIt) {
   device_->write(Request(apart, 8192, 4096, 3));
   ASSERT_TRUE(apart->waitFor(1));
   EXPECT_TRUE(held->events().empty() && overlapping->events().empty());
-  std::atomic<bool> flushing{false};
+  // The flush waits for the held write and the read queued behind it.
+  TestPoint::Watch();
+  std::atomic<bool> flushed{false};
   Bytes seen;
   std::thread flusher([&] {
-    flushing = true;
     device_->flush();
     seen = fileBytes(0, 4096);
+    flushed = true;
   });
-  while (!flushing) std::this_thread::yield();
+  ASSERT_TRUE(TestPoint::WaitFor(TestPoint::Id::DeviceFlushWaiting, 2));
+  EXPECT_FALSE(flushed);
   IoFaultInjection::ReleaseHeld();
   flusher.join();
+  TestPoint::Unwatch();
   EXPECT_EQ(seen, Bytes(4096, 1));
   ASSERT_TRUE(overlapping->waitFor(1));
   EXPECT_EQ(overlapping->events()[0].data, Bytes(10, 1));
+}
+
+// The trace lists each completed write with its bytes, in completion order,
+// and brackets each flush: the write the flush waited for is recorded before
+// the flush begins; a write queued during the flush and held until after it
+// is recorded after its end and not counted as covered.
+TEST_P(DeviceTest, TraceOrdersCompletedWritesAroundTheFlushes) {
+  IoTrace::Start();
+  TestPoint::Watch();
+  auto recorder = Recorder();
+  IoFaultInjection::Add({.action = Action::HoldBack, .offset = 0});
+  IoFaultInjection::Add({.action = Action::HoldBack, .offset = 8192});
+  device_->write(Request(recorder, 0, 8, 1));
+  device_->write(Request(recorder, 4096, 8, 2));
+  ASSERT_TRUE(IoFaultInjection::WaitHeld(1));
+  ASSERT_TRUE(recorder->waitFor(1));
+  std::thread flusher([&] { device_->flush(); });
+  ASSERT_TRUE(TestPoint::WaitFor(TestPoint::Id::DeviceFlushWaiting, 1));
+  device_->write(Request(recorder, 8192, 8, 3));
+  ASSERT_TRUE(IoFaultInjection::WaitHeld(2));
+  IoFaultInjection::ReleaseHeld(1);  // the write at 0
+  flusher.join();
+  EXPECT_EQ(IoTrace::FlushCount(), 1u);
+  IoFaultInjection::ReleaseHeld();
+  ASSERT_TRUE(recorder->waitFor(3));
+  TestPoint::Unwatch();
+  EXPECT_EQ(IoTrace::FlushCount(device_->descriptor()), 1u);
+  const std::vector<IoTrace::Event> events = IoTrace::Stop();
+
+  using Type = IoTrace::Type;
+  const struct {
+    Type type;
+    int64_t offset;
+    uint8_t fill;
+    size_t covered;
+  } expected[] = {{Type::Write, 4096, 2, 0},
+                  {Type::Write, 0, 1, 0},
+                  {Type::FlushBegin, 0, 0, 2},
+                  {Type::FlushEnd, 0, 0, 2},
+                  {Type::Write, 8192, 3, 0}};
+  ASSERT_EQ(events.size(), std::size(expected));
+  for (size_t i = 0; i < events.size(); ++i) {
+    SCOPED_TRACE(i);
+    const bool write = expected[i].type == Type::Write;
+    EXPECT_EQ(events[i].type, expected[i].type);
+    EXPECT_EQ(events[i].device, device_->descriptor());
+    EXPECT_EQ(events[i].offset, expected[i].offset);
+    EXPECT_EQ(events[i].bytes, write ? Bytes(8, expected[i].fill) : Bytes());
+    EXPECT_EQ(events[i].writesCovered, expected[i].covered);
+  }
+  EXPECT_EQ(IoTrace::FlushCount(), 0u);  // nothing recorded once stopped
 }
 
 TEST_P(DeviceTest, InjectedFailureReachesIoFailedAndLeavesTheFileAlone) {

@@ -68,7 +68,7 @@ TEST(DeviceSequencer, RandomWorkloadKeepsOrderAndStaysSmall) {
         running.insert(indexOf[started]);
       }
     }
-    sequencer.checkInvariants();
+    ASSERT_TRUE(sequencer.checkInvariants());
     ASSERT_LE(sequencer.segmentCount(), 3 * (next - retired.size()) + 1);
   }
   EXPECT_TRUE(sequencer.empty());

@@ -84,7 +84,7 @@ TEST_F(FileManagerEntriesTest, FailedWritesArePostedAndLeaveNoHeader) {
   EXPECT_EQ(dynamic_cast<Tarn::ExFileWriteEntry&>(*posted.at(0)).where().line, 103);
   EXPECT_EQ(dynamic_cast<Tarn::ExFileWriteEntryHeader&>(*posted.at(1)).where().line, 72);
   Pt::MutexLock guard(store_->lock());
-  for (const auto& [key, info] : store_->entries()) EXPECT_FALSE(info.writePending);
+  for (const auto& [key, info] : store_->entries()) EXPECT_FALSE(info.writePending());
 }
 
 // The settled entry's slot and data are freed for the next write, and the

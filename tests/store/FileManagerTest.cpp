@@ -123,25 +123,29 @@ TEST_F(FileManagerTest, OneOwnerPerFile) {
 
 // ---- the index after an open ----------------------------------------------
 
-// Gaps between entries are free; of two entries with one key the first is
-// indexed, and both keep their slots and data.
+// Gaps between entries are free; of two entries with one key the first in
+// chain order is indexed and the other dropped: its slot is free (first in
+// the queue, in chain order) and so is its range, unless it is the last.
 TEST_F(FileManagerTest, IndexBuiltFromExistingEntries) {
   const struct {
     std::vector<std::pair<const char*, uint32_t>> entries;
     int count;
     std::vector<Tarn::FileRange> free;
+    uint32_t firstFreeSlot;
   } cases[] = {
-      {{{"a", 262'960}, {"b", 263'472}}, 2, {{263'216, 256}}},
-      {{{"a", 262'960}, {"a", 263'216}}, 1, {}},
+      {{{"a", 262'960}, {"b", 263'472}}, 2, {{263'216, 256}}, 816 + 2 * 64},
+      {{{"a", 262'960}, {"a", 263'216}}, 1, {}, 816 + 64},
+      {{{"a", 262'960}, {"a", 263'216}, {"b", 263'472}}, 2, {{263'216, 256}}, 816 + 64},
   };
   for (const auto& c : cases) {
     writeFileWithEntries(c.entries);
     auto store = open({"tile"});
     EXPECT_EQ(store->entryCount(), c.count);
+    EXPECT_EQ(store->droppedEntries(), c.entries.size() - static_cast<size_t>(c.count));
     Pt::MutexLock guard(store->lock());
     EXPECT_EQ(store->freeSpace().ranges(), c.free);
     EXPECT_EQ(store->entries().find(Tarn::PrimaryKey::FromString("a"))->second.headerOffset, 816u);
-    EXPECT_EQ(store->freeEntryHeaders().front(), 816u + 2 * 64);
+    EXPECT_EQ(store->freeEntryHeaders().front(), c.firstFreeSlot);
   }
 }
 
@@ -158,7 +162,7 @@ TEST_F(FileManagerTest, FirstAllocationsAreByteExactAndReleasedSpaceIsReusedFirs
   EXPECT_EQ(store->allocateEntryHeader(), 880u);
   store->allocateData(300, other, allocated);
   EXPECT_EQ(std::pair(other, allocated), std::pair(263'216u, 304u));
-  store->releaseEntry(816, offset, 256);
+  store->releaseSpace(816, offset, 256);
   EXPECT_EQ(store->allocateEntryHeader(), 816u);
   store->allocateData(0, other, allocated);
   EXPECT_EQ(other, offset);

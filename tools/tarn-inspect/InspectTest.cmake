@@ -23,7 +23,11 @@ expect(0 "816 +262960 +200 +256 +\"Photo\" +\"first\" +\"thumb\"" entries ${DIR}
 expect(0 "\"primaryKey\":\"second\"" entries ${DIR}/entries.tarn --json)
 expect(1 "unsupported or corrupt.*TarnFileManager:371" verify ${DIR}/damaged.tarn)
 expect(1 "\"ok\":false,.*\"raisedAtLine\":371" verify --json ${DIR}/damaged.tarn)
-expect(1 "TarnFileManager:358" info ${DIR}/truncated.tarn)
+expect(1 "TarnFileManager:336" info ${DIR}/truncated.tarn)
+expect(0 "^ok: 1 types, 1 extents, 0 live entries.*\n2 entries an open drops as damaged:\n  slot 816: data overlaps \\(key \"first\", data 262960\\+256\\)"
+  verify ${DIR}/salvaged.tarn)
+expect(0 "\"droppedEntries\":2,.*\"dropped\":\\[{\"slot\":816,\"reason\":\"data overlaps\""
+  verify --json ${DIR}/salvaged.tarn)
 expect(1 "cannot open .*missing.tarn" verify ${DIR}/missing.tarn)
 expect(2 "^usage:" verify)
 expect(2 "^usage:" check ${DIR}/new.tarn)

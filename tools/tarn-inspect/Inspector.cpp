@@ -1,8 +1,5 @@
 #include "Inspector.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -10,6 +7,8 @@
 #include <string_view>
 
 #include "Json.h"
+#include "core/RaiseSites.h"
+#include "platform/SyncFile.h"
 
 namespace TarnInspect {
 namespace {
@@ -33,26 +32,25 @@ class Collector : public CacheFileLoader::Visitor {
   void onEntry(uint32_t slotOffset, const EntryHeader& header) override {
     if (withEntries_) inspection_.entries.emplace_back(slotOffset, header);
   }
+  // Dropped entries are few (a sound file has none) and verify lists them.
+  void onDroppedEntry(uint32_t slotOffset, const EntryHeader& header,
+                      Tarn::DropReason reason) override {
+    inspection_.dropped.push_back({slotOffset, header, reason});
+  }
 
  private:
   Inspection& inspection_;
   const bool withEntries_;
 };
 
-// Closes the descriptor however the load ends.
-class ReadOnlyFile {
- public:
-  explicit ReadOnlyFile(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (fd_ < 0) throw CannotOpen("cannot open " + path + ": " + std::strerror(errno));
+// The file, opened read-only through the library's own file calls.
+Pt::SyncFile OpenReadOnly(const std::string& path) {
+  try {
+    return Pt::SyncFile::Open(path, Pt::SyncFile::Mode::ReadOnly, Tarn::kOpenFile.where);
+  } catch (const Pt::ExSystem& error) {
+    throw CannotOpen("cannot open " + path + ": " + std::strerror(error.code()));
   }
-  ~ReadOnlyFile() { ::close(fd_); }
-  ReadOnlyFile(const ReadOnlyFile&) = delete;
-  ReadOnlyFile& operator=(const ReadOnlyFile&) = delete;
-  int fd() const { return fd_; }
-
- private:
-  const int fd_;
-};
+}
 
 // Keys are shown as text in quotes when every byte is printable ASCII,
 // else as hex behind "0x", so that the two can never be confused.
@@ -76,7 +74,9 @@ std::string Shown(std::string_view bytes) {
 }
 
 std::string TypeName(const Inspection& inspection, uint16_t typeId) {
-  // The loader accepts only ids that the table holds.
+  // The loader keeps only entries whose ids the table holds; a dropped one
+  // may name any.
+  if (typeId == 0 || typeId > inspection.types.size()) return "#" + std::to_string(typeId);
   return inspection.types.at(typeId - 1u).typeName();
 }
 
@@ -127,7 +127,8 @@ void WriteSummaryJson(JsonWriter& json, const Inspection& inspection) {
   const std::pair<const char*, uint64_t> figures[] = {
       {"fileLength", summary.fileLength},         {"typeCount", inspection.types.size()},
       {"extentCount", summary.extentCount},       {"liveEntries", summary.liveEntries},
-      {"freeSlots", summary.freeSlots},           {"dataBytes", summary.dataBytes},
+      {"freeSlots", summary.freeSlots},           {"droppedEntries", summary.droppedEntries},
+      {"chainCutAt", summary.chainCutAt},         {"dataBytes", summary.dataBytes},
       {"allocatedBytes", summary.allocatedBytes}, {"freeBytes", space.freeBytes},
       {"gapCount", summary.gaps.size()},          {"largestGap", space.largestGap},
       {"trailingBytes", summary.trailingBytes},
@@ -214,6 +215,7 @@ void WriteInfoText(std::ostream& out, const Inspection& inspection) {
         << ", next " << extent.nextExtent << "\n";
   }
   out << "live entries     " << summary.liveEntries << "\n"
+      << "dropped entries  " << summary.droppedEntries << "\n"
       << "free slots       " << summary.freeSlots << "\n"
       << "data bytes       " << summary.dataBytes << "\n"
       << "allocated bytes  " << summary.allocatedBytes << "\n"
@@ -261,14 +263,43 @@ void WriteEntriesText(std::ostream& out, const Inspection& inspection) {
   out << std::right;
 }
 
+// What an open of the file would drop or cut, one line each.
+void WriteSalvageText(std::ostream& out, const Inspection& inspection) {
+  if (inspection.summary.chainCutAt != 0) {
+    out << "chain cut: the link of the extent at " << inspection.summary.chainCutAt
+        << " leads to no extent; an open ends the chain there\n";
+  }
+  if (inspection.dropped.empty()) return;
+  out << inspection.dropped.size() << " entries an open drops as damaged:\n";
+  for (const DroppedEntry& entry : inspection.dropped) {
+    out << "  slot " << entry.slot << ": " << Tarn::DropReasonName(entry.reason) << " (key "
+        << Shown(entry.header.primaryKeyValue().view()) << ", data " << entry.header.dataOffset
+        << "+" << entry.header.allocatedLength << ")\n";
+  }
+}
+
+void WriteDroppedJson(JsonWriter& json, const Inspection& inspection) {
+  json.beginArray();
+  for (const DroppedEntry& entry : inspection.dropped) {
+    json.beginObject();
+    json.field("slot", entry.slot);
+    json.field("reason", std::string(Tarn::DropReasonName(entry.reason)));
+    json.field("primaryKeyHex", Hex(entry.header.primaryKeyValue().view()));
+    json.field("dataOffset", entry.header.dataOffset);
+    json.field("allocatedLength", entry.header.allocatedLength);
+    json.endObject();
+  }
+  json.endArray();
+}
+
 }  // namespace
 
 Inspection Inspect(const std::string& path, bool withEntries) {
-  const ReadOnlyFile file(path);
+  const Pt::SyncFile file = OpenReadOnly(path);
   Inspection inspection;
   inspection.path = path;
   Collector collector(inspection, withEntries);
-  inspection.summary = CacheFileLoader::Load(file.fd(), collector);
+  inspection.summary = CacheFileLoader::Load(file, collector);
   return inspection;
 }
 
@@ -307,6 +338,8 @@ void PrintVerified(std::ostream& out, const Inspection& inspection, bool json) {
     writer.key("file");
     writer.text(inspection.path);
     WriteSummaryJson(writer, inspection);
+    writer.key("dropped");
+    WriteDroppedJson(writer, inspection);
     writer.endObject();
     return;
   }
@@ -315,6 +348,7 @@ void PrintVerified(std::ostream& out, const Inspection& inspection, bool json) {
       << summary.liveEntries << " live entries, " << summary.freeSlots << " free slots, "
       << FreeSpaceOf(summary).freeBytes << " free bytes in " << summary.gaps.size() << " gaps, "
       << summary.trailingBytes << " trailing bytes\n";
+  WriteSalvageText(out, inspection);
 }
 
 void PrintRejected(std::ostream& out, const std::string& path, const Pt::Exception& error,

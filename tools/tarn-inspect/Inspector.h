@@ -2,7 +2,9 @@
 //
 // The inspector opens the file read-only and takes no lock, so it can look
 // at the file of a running cache; it reads the file with the same loader,
-// and so the same checks, as an open does, and never writes.
+// and so the same checks, as an open does, and never writes. Where an open
+// would salvage a damaged file (drop entries, cut the extent chain), verify
+// still says ok and lists what the open would drop.
 #pragma once
 
 #include <cstdint>
@@ -24,12 +26,20 @@ class CannotOpen : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A live-looking slot that an open drops, and why.
+struct DroppedEntry {
+  uint32_t slot = 0;
+  Tarn::EntryHeader header;
+  Tarn::DropReason reason = Tarn::DropReason::KeyDamaged;
+};
+
 struct Inspection {
   std::string path;
   Tarn::CacheFileLoader::Summary summary;
   std::vector<Tarn::TypeRecord> types;
   std::vector<std::pair<uint32_t, Tarn::ExtentHeader>> extents;  // location, header
   std::vector<std::pair<uint32_t, Tarn::EntryHeader>> entries;   // slot offset, header
+  std::vector<DroppedEntry> dropped;                             // always collected
 };
 
 // Loads the file at `path`; the live entries are kept only when

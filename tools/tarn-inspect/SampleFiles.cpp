@@ -1,8 +1,9 @@
 // tarn-inspect-samples DIR: writes the cache files that the inspector's
 // test runs it on. new.tarn is made by the library; entries.tarn holds one
-// type and two entries with a free range between their data; damaged.tarn
-// is entries.tarn with the two data ranges overlapping; truncated.tarn ends
-// inside its slots.
+// type and two entries with a free range between their data; salvaged.tarn
+// is entries.tarn with the two data ranges overlapping (an open drops both);
+// damaged.tarn is entries.tarn with its type table over its header;
+// truncated.tarn ends inside its slots.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -55,8 +56,11 @@ int main(int argc, char** argv) {
   CreateCacheFile((dir / "new.tarn").wstring().c_str());
   std::vector<uint8_t> image = EntriesImage();
   bool written = Write(dir / "entries.tarn", image);
+  std::vector<uint8_t> damaged = image;
+  damaged[FileHeader::kTypeTableOffsetAt] = 24;
+  written = Write(dir / "damaged.tarn", damaged) && written;
   PutEntry(image, 1, "second", kInitialFileSize + 128);
-  written = Write(dir / "damaged.tarn", image) && written;
+  written = Write(dir / "salvaged.tarn", image) && written;
   image.resize(kInitialFileSize - 1);
   written = Write(dir / "truncated.tarn", image) && written;
   return written ? 0 : 1;
