@@ -30,12 +30,14 @@ run: build
 test: build
 	ctest --preset $(PRESET) -j $(JOBS)
 
-# The long form of the kill -9 crash loop: CRASH_CYCLES kills, however long
-# they take (set TARN_CRASH_SEED to repeat a run).
+# The long form of the crash suite: CRASH_CYCLES kill -9 cycles and
+# POWERLOSS_IMAGES power-loss crash images, however long they take (set
+# TARN_CRASH_SEED or TARN_POWERLOSS_SEED to repeat a run).
 CRASH_CYCLES ?= 2000
+POWERLOSS_IMAGES ?= 100000
 crashtest: build
-	TARN_CRASH_CYCLES=$(CRASH_CYCLES) TARN_CRASH_SECONDS=0 \
-	  ./build/$(PRESET)/tests/tarn_crash_tests --gtest_also_run_disabled_tests
+	TARN_CRASH_CYCLES=$(CRASH_CYCLES) TARN_CRASH_SECONDS=0 TARN_POWERLOSS_IMAGES=$(POWERLOSS_IMAGES) \
+	  ./build/$(PRESET)/tests/tarn_crash_tests
 
 bench: PRESET = default
 bench: build

@@ -37,9 +37,6 @@ extern char** environ;
 namespace TarnCrash {
 namespace {
 
-using TarnTest::ReceiverCall;
-using TarnTest::RecordingReceiver;
-
 // Versions of one cycle start at cycle * kVersionsPerCycle, so that every
 // version of the run is unique.
 constexpr int64_t kVersionsPerCycle = 10'000'000;
@@ -115,38 +112,13 @@ class CrashLoop : public testing::Test {
 #endif
   }
 
-  // The state of `key` in `cache`: absent, a version, or (in `problem`) why
-  // it is neither.
-  static int64_t stateOf(Tarn::Cache& cache, int key, std::string& problem) {
-    Pt::SmartPointer<RecordingReceiver> receiver(new RecordingReceiver);
-    if (cache.find(Tarn::PrimaryKey::FromString(KeyName(key)), receiver.get()) == 0) {
-      return kAbsent;
-    }
-    if (!receiver->waitFor(1)) return problem = "no answer to find", kAbsent;
-    const ReceiverCall call = receiver->calls()[0];
-    if (call.kind != ReceiverCall::Found) {
-      problem = "find failed: " + std::string(call.error ? call.error->what() : "cancelled");
-      return kAbsent;
-    }
-    const Pt::SmartPointer<Tarn::Buffer>& data = call.cacheable->getData();
-    const std::vector<uint8_t> bytes(data->bytes(), data->bytes() + data->length());
-    const std::optional<int64_t> version = VersionOf(key, bytes);
-    if (!version) {
-      const std::string head(bytes.begin(), bytes.begin() + std::min<size_t>(bytes.size(), 24));
-      problem =
-          "wrong bytes (" + std::to_string(bytes.size()) + " bytes starting \"" + head + "\")";
-      return kAbsent;
-    }
-    return *version;
-  }
-
   // Checks every key against the model; returns what the file holds (keys
   // with wrong bytes are erased, so that the next cycle starts clean).
   Baseline check(int cycle, Tarn::Cache& cache, const Model& model) {
     Baseline held;
     for (int key = 0; key < kKeyCount; ++key) {
       std::string problem;
-      const int64_t state = stateOf(cache, key, problem);
+      const int64_t state = StateOf(cache, key, problem);
       const std::set<int64_t>& allowed = model.allowed(key);
       if (!problem.empty() || allowed.count(state) == 0) {
         report(cycle, "key " + KeyName(key) + ": expected one of " + Describe(allowed) + ", got " +
@@ -174,7 +146,7 @@ class CrashLoop : public testing::Test {
     cache = openCache();
     for (const int key : erased) {
       std::string problem;
-      const int64_t state = stateOf(*cache, key, problem);
+      const int64_t state = StateOf(*cache, key, problem);
       if (state != kAbsent || !problem.empty()) {
         report(cycle, "key " + KeyName(key) + " was erased and committed, came back as " +
                           (problem.empty() ? Describe(state) : problem));

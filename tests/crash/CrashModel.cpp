@@ -1,9 +1,14 @@
 #include "crash/CrashModel.h"
 
+#include <algorithm>
+
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sstream>
+
+#include "support/RecordingReceiver.h"
+#include "tarn/tarn.h"
 
 namespace TarnCrash {
 namespace {
@@ -102,6 +107,27 @@ std::string Describe(const std::set<int64_t>& states) {
     text += Describe(state);
   }
   return text + "}";
+}
+
+int64_t StateOf(Tarn::Cache& cache, int key, std::string& problem) {
+  Pt::SmartPointer<TarnTest::RecordingReceiver> receiver(new TarnTest::RecordingReceiver);
+  if (cache.find(Tarn::PrimaryKey::FromString(KeyName(key)), receiver.get()) == 0) return kAbsent;
+  if (!receiver->waitFor(1)) return problem = "no answer to find", kAbsent;
+  const TarnTest::ReceiverCall call = receiver->calls()[0];
+  if (call.kind != TarnTest::ReceiverCall::Found) {
+    problem = "find failed: " + std::string(call.error ? call.error->what() : "cancelled");
+    return kAbsent;
+  }
+  const Pt::SmartPointer<Tarn::Buffer>& data = call.cacheable->getData();
+  const std::vector<uint8_t> bytes(data->bytes(), data->bytes() + data->length());
+  const std::optional<int64_t> version = VersionOf(key, bytes);
+  if (!version) {
+    std::string head(bytes.begin(), bytes.begin() + std::min<size_t>(bytes.size(), 24));
+    for (char& c : head) c = (c >= 32 && c < 127) ? c : '.';
+    problem = "wrong bytes (" + std::to_string(bytes.size()) + " bytes starting \"" + head + "\")";
+    return kAbsent;
+  }
+  return *version;
 }
 
 }  // namespace TarnCrash

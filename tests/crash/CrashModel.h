@@ -21,6 +21,10 @@
 #include <string>
 #include <vector>
 
+namespace Tarn {
+class Cache;
+}
+
 namespace TarnCrash {
 
 inline constexpr int kSmallKeys = 20;
@@ -55,6 +59,10 @@ class Model {
   std::map<int, std::set<int64_t>> allowed_;
   int commits_ = 0;
 };
+
+// The state of `key` in `cache`, looked up with find(): absent, a version,
+// or (in `problem`) why it is neither (a failed find, wrong bytes).
+int64_t StateOf(Tarn::Cache& cache, int key, std::string& problem);
 
 // "{3, 17}" or "{absent, 17}".
 std::string Describe(const std::set<int64_t>& states);
