@@ -28,8 +28,9 @@
 // second store on the same file, in this process or another, fails instead of
 // corrupting it.
 //
-// Table invariants, whenever `lock_` is free (checkInvariants() asserts them
-// in debug builds):
+// Table invariants, whenever `lock_` is free (checkInvariants() walks them in
+// every build; debug builds check them after each write and erase while the
+// store holds few entries):
 // - every key of `entries_` equals the primary key of its EntryInfo's header;
 // - an EntryHeader slot is queued in `freeEntryHeaders_`, or owned by an
 //   EntryInfo of `entries_` or `pendingErasures_`, or covered by a delete
@@ -201,8 +202,9 @@ class FileManager {
   const std::multimap<PrimaryKey, EntryInfo>& pendingErasures() const PT_REQUIRES(lock_) {
     return pendingErasures_;
   }
-  // Asserts the table invariants (debug builds); takes lock() itself.
-  void checkInvariants();
+  // Whether every table invariant holds (walks everything, in every build);
+  // takes lock() itself.
+  bool checkInvariants();
 
  private:
   class Loader;
@@ -220,6 +222,7 @@ class FileManager {
   void keyDeleted(const PrimaryKey& primaryKey) PT_REQUIRES(lock_);
   void countWriteFailure() { writeFailures_.fetch_add(1, std::memory_order_relaxed); }
   bool inGivenUpExtent(uint32_t slot) const PT_REQUIRES(lock_);
+  bool invariantsHold() const PT_REQUIRES(lock_);
   void giveUpExtentsFrom(size_t index) PT_REQUIRES(lock_);
   void linkExtent(uint32_t location, const FileOperationRef& operation) PT_REQUIRES(lock_);
   void load(Pt::SyncFile& file);

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "core/RaiseSites.h"
+#include "platform/InvariantCheck.h"
 #include "store/FileManager.h"
 #include "store/FileReadEntryReceiver.h"
 #include "store/FileWriteEntryHeaderReceiver.h"
@@ -35,6 +36,7 @@ void FileManager::write(const PrimaryKey& primaryKey, const SecondaryKey& second
   {
     Pt::MutexLock guard(lock_);
     info = reserveEntry(primaryKey, secondaryKey, type, static_cast<uint32_t>(length));
+    PT_DEBUG_CHECK(entries_.size(), invariantsHold());
   }
   // The data is copied and queued outside the lock; the header follows once
   // the data is durable (entryDataWritten).
@@ -223,6 +225,7 @@ bool FileManager::erase(const PrimaryKey& primaryKey) {
   }
   secondaryIndex_.remove(info.header.secondaryKeyValue(), primaryKey);
   entries_.erase(entry);
+  PT_DEBUG_CHECK(entries_.size(), invariantsHold());
   return true;
 }
 
@@ -286,10 +289,10 @@ void FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
   }
   // A stored type without a factory cannot be rebuilt: the lookup throws.
   const Pt::SmartPointer<CacheableFactory>& factory = factories_->lookup(type);
-  FileReadEntryReceiver::Queue(
-      *device_, header,
-      Pt::SmartPointer<FileReadEntryReceiver>(new FileReadEntryReceiver(
-          owner_, factory, primaryKey, header.secondaryKeyValue(), requestId, operations_.begin())));
+  FileReadEntryReceiver::Queue(*device_, header,
+                               Pt::SmartPointer<FileReadEntryReceiver>(new FileReadEntryReceiver(
+                                   owner_, factory, primaryKey, header.secondaryKeyValue(),
+                                   requestId, operations_.begin())));
 }
 
 }  // namespace Tarn

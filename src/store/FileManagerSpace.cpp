@@ -121,7 +121,11 @@ void FileManager::giveUpExtentsFrom(size_t index) {
     givenUpSlots_.push_back({slots, kExtentSlotsSize});
   }
   extents_.resize(index);
-  std::erase_if(freeEntryHeaders_, [this](uint32_t slot) { return inGivenUpExtent(slot); });
+  std::deque<uint32_t> kept;
+  for (const uint32_t slot : freeEntryHeaders_) {
+    if (!inGivenUpExtent(slot)) kept.push_back(slot);
+  }
+  freeEntryHeaders_.swap(kept);
   for (auto entry = entries_.begin(); entry != entries_.end();) {
     const auto next = std::next(entry);
     if (inGivenUpExtent(entry->second.headerOffset)) {
@@ -147,37 +151,46 @@ void FileManager::releaseSpace(uint32_t headerOffset, uint32_t dataOffset,
   freeSpace_.add(dataOffset, allocatedLength);
 }
 
-void FileManager::checkInvariants() {
-#ifndef NDEBUG
+bool FileManager::checkInvariants() {
   Pt::MutexLock guard(lock_);
+  return invariantsHold();
+}
+
+// Walks every table; false at the first broken invariant.
+bool FileManager::invariantsHold() const {
   std::set<uint32_t> slots(freeEntryHeaders_.begin(), freeEntryHeaders_.end());
-  assert(slots.size() == freeEntryHeaders_.size());
-  assert(freeSpace_.checkInvariants().empty());
-  std::vector<FileRange> claimed = freeSpace_.ranges();
-  const auto own = [&](const EntryInfo& info) {
-    assert(slots.insert(info.headerOffset).second);
-    claimed.push_back({info.header.dataOffset, info.header.allocatedLength});
-  };
+  if (slots.size() != freeEntryHeaders_.size() || !freeSpace_.checkInvariants().empty()) {
+    return false;
+  }
+  std::vector<const EntryInfo*> owners;
   for (const auto& [key, info] : entries_) {
-    assert(key == info.header.primaryKeyValue());
-    own(info);
+    if (key != info.header.primaryKeyValue()) return false;
+    if (info.stage == Stage::Parked && erasing_.count(key) == 0) return false;
+    owners.push_back(&info);
   }
   for (const auto& [key, info] : pendingErasures_) {
-    assert(info.stage == Stage::Data || info.stage == Stage::Header);
-    own(info);
+    if (info.stage != Stage::Data && info.stage != Stage::Header) return false;
+    owners.push_back(&info);
   }
-  for (const auto& [key, info] : entries_) {
-    assert(info.stage != Stage::Parked || erasing_.count(key) != 0);
+  std::vector<FileRange> claimed = freeSpace_.ranges();
+  for (const EntryInfo* info : owners) {
+    if (!slots.insert(info->headerOffset).second || inGivenUpExtent(info->headerOffset)) {
+      return false;
+    }
+    claimed.push_back({info->header.dataOffset, info->header.allocatedLength});
   }
   std::sort(claimed.begin(), claimed.end(),
             [](const FileRange& a, const FileRange& b) { return a.offset < b.offset; });
-  for (size_t i = 1; i < claimed.size(); ++i) assert(claimed[i - 1].end() <= claimed[i].offset);
-  for (size_t i = 0; i < types_.size(); ++i) {
-    assert(types_[i].id == i + 1);
-    for (size_t j = 0; j < i; ++j) assert(types_[j].name != types_[i].name);
+  for (size_t i = 1; i < claimed.size(); ++i) {
+    if (claimed[i - 1].end() > claimed[i].offset) return false;
   }
-  assert(fileEnd() < static_cast<int64_t>(CacheFileLoader::kMaxFileSize));
-#endif
+  for (size_t i = 0; i < types_.size(); ++i) {
+    if (types_[i].id != i + 1) return false;
+    for (size_t j = 0; j < i; ++j) {
+      if (types_[j].name == types_[i].name) return false;
+    }
+  }
+  return fileEnd() < static_cast<int64_t>(CacheFileLoader::kMaxFileSize);
 }
 
 }  // namespace Tarn

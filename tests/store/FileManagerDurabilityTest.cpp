@@ -132,7 +132,7 @@ TEST_P(FileManagerDurabilityTest, EraseOfAParkedEntryWritesNothing) {
   IoFaultInjection::ReleaseHeld();
   store_->commit();
   EXPECT_TRUE(TarnTest::AllZero(file(), kSlot0, kSlot0 + 2 * kHeader));
-  store_->checkInvariants();
+  EXPECT_TRUE(store_->checkInvariants());
   reopen();
   EXPECT_EQ(store_->entryCount(), 0);
 }
@@ -164,7 +164,7 @@ TEST_P(FileManagerDurabilityTest, FailedWriteLeavesNoEntryBehind) {
   write("k", 10);  // the freed slot and range serve the next entry
   store_->commit();
   EXPECT_EQ(entry("k").header.dataOffset, kData0);
-  store_->checkInvariants();
+  EXPECT_TRUE(store_->checkInvariants());
   reopen();
   EXPECT_EQ(store_->entryCount(), 1);
 }
@@ -210,7 +210,7 @@ TEST_P(FileManagerDurabilityTest, ExtentIsLinkedAfterItsBlockAndAFailedOneIsGive
   IoFaultInjection::ReleaseHeld();
   store_->commit();
   EXPECT_EQ(TarnTest::U32At(file(), Tarn::kFirstExtentOffset + 12), location);
-  store_->checkInvariants();
+  EXPECT_TRUE(store_->checkInvariants());
   reopen();
   EXPECT_TRUE(store_->contains(Key("kept")));
   EXPECT_FALSE(store_->contains(Key("lost")));
@@ -237,8 +237,22 @@ TEST_P(FileManagerDurabilityTest, CommitReturnsWhileOtherThreadsKeepWriting) {
   stop = true;
   writers.clear();
   store_->commit();
-  store_->checkInvariants();
+  EXPECT_TRUE(store_->checkInvariants());
   EXPECT_EQ(store_->openOperations(), 0u);
+}
+
+// The checker sees a slot and a range handed back while an entry still owns
+// them, the double release a wrong ordering would cause.
+TEST_P(FileManagerDurabilityTest, CheckerCatchesSpaceReleasedWhileOwned) {
+  write("a", 10);
+  store_->commit();
+  EXPECT_TRUE(store_->checkInvariants());
+  const FileManager::EntryInfo owned = entry("a");
+  {
+    Pt::MutexLock guard(store_->lock());
+    store_->releaseSpace(owned.headerOffset, owned.header.dataOffset + 1024, 256);
+  }
+  EXPECT_FALSE(store_->checkInvariants());  // the slot is free and owned
 }
 
 INSTANTIATE_TEST_SUITE_P(Ordering, FileManagerDurabilityTest, testing::Values(false, true),

@@ -123,7 +123,7 @@ TEST_F(FileManagerEntriesTest, EraseInFlightIsCarriedOutWhenTheWriteEnds) {
   store_->commit();
   EXPECT_TRUE(TarnTest::AllZero(file(), kSlot0, kSlot0 + 64));  // first write's slot
   EXPECT_EQ(TarnTest::U32At(file(), kSlot0 + 64 + 56), 20u);    // second write's header
-  store_->checkInvariants();
+  EXPECT_TRUE(store_->checkInvariants());
   reopen();
   EXPECT_EQ(store_->entryCount(), 1);
   Pt::MutexLock guard(store_->lock());

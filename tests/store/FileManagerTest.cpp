@@ -166,7 +166,7 @@ TEST_F(FileManagerTest, FirstAllocationsAreByteExactAndReleasedSpaceIsReusedFirs
   EXPECT_EQ(store->allocateEntryHeader(), 816u);
   store->allocateData(0, other, allocated);
   EXPECT_EQ(other, offset);
-  store->checkInvariants();
+  EXPECT_TRUE(store->checkInvariants());
 }
 
 // When the first extent's slots run out, a new extent is appended at the end
