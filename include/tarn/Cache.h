@@ -107,6 +107,9 @@ class TARN_EXPORT Cache {
   // before it may not be in the file; the objects concerned stay served from
   // memory while they are held there.
   int32_t fileWriteFailures();
+  // Entries erased from the cache file since the open to keep it within
+  // Config::fileBudget (or below the format's 2 GiB limit).
+  int32_t fileEvictions();
   Statistics& statistics(Statistics& statistics);
   // How many entries the open dropped from a damaged cache file: entries
   // whose data range lay past the end of the file or overlapped another

@@ -36,6 +36,15 @@ struct Config {
   // completion, which is safe against a crash of the process but not of the
   // machine; inserts then cost no sync until commit().
   bool relaxedOrdering;
+  // Bytes the cache file may take; 0 (or less) means no bound but the
+  // format's own (2 GiB). When an insert needs more room than the file has
+  // free within the bound, the least recently used entries of the file are
+  // erased first (an entry is used when it is inserted or read from the
+  // file; at open, entries rank in file order). An entry larger than the
+  // bound still goes to the file, which then grows past it. The file may
+  // pass the bound by one extent of entry slots (256 KiB). Near the format's
+  // limit, the cache evicts the same way instead of failing writes.
+  int32_t fileBudget;
 };
 
 }  // namespace Tarn

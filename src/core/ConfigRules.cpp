@@ -14,6 +14,11 @@ int32_t EffectiveMinAllocation(int32_t configured) {
   return configured > 0 ? configured : kDefaultMinAllocation;
 }
 
+uint64_t EffectiveFileBudget(int32_t configured) {
+  return configured > 0 ? std::min<uint64_t>(static_cast<uint64_t>(configured), kFormatFileBudget)
+                        : kFormatFileBudget;
+}
+
 int EffectiveWorkerPriority(int32_t configured) {
   return configured >= 0 && configured <= 2 ? configured + 1 : 2;
 }

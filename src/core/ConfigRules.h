@@ -22,6 +22,12 @@ int EffectiveWorkerThreads(int32_t configured, int processors);
 // positive, else kDefaultMinAllocation.
 int32_t EffectiveMinAllocation(int32_t configured);
 
+// The bytes a cache file may take: `configured` when positive, else (and
+// at most) kFormatFileBudget, which leaves room below the format's 2 GiB
+// limit for the extents of entry slots that may pass a budget.
+inline constexpr uint64_t kFormatFileBudget = (uint64_t{1} << 31) - 4 * 262'160;
+uint64_t EffectiveFileBudget(int32_t configured);
+
 // The platform thread priority (1 low, 2 normal, 3 high) for a configured
 // worker priority: 0, 1, 2 select 1, 2, 3; any other value selects 2.
 int EffectiveWorkerPriority(int32_t configured);

@@ -96,6 +96,10 @@ int32_t Cache::fileWriteFailures() {
   return manager_->fileManager().writeFailures();
 }
 
+int32_t Cache::fileEvictions() {
+  return manager_->fileManager().budgetEvictions();
+}
+
 Statistics& Cache::statistics(Statistics& statistics) {
   return manager_->statistics(statistics);
 }

@@ -38,9 +38,8 @@ class FileManager::Loader : public CacheFileLoader::Visitor {
   // The loader hands over each primary key once (it drops the others).
   void onEntry(uint32_t slotOffset,
                const EntryHeader& header) override PT_NO_THREAD_SAFETY_ANALYSIS {
-    store_.entries_.try_emplace(
-        header.primaryKeyValue(),
-        EntryInfo{header, slotOffset, NextSerial(), Stage::Settled, {}, {}});
+    store_.enterEntry(header.primaryKeyValue(),
+                      EntryInfo{header, slotOffset, NextSerial(), Stage::Settled, {}, {}, {}});
   }
   // A dropped entry's slot is free; the open clears it on disk before it
   // can be handed out, so that the entry cannot come back.
@@ -61,6 +60,7 @@ FileManager::FileManager(const wchar_t* path, CacheManager* owner, const Config&
     : minAllocation_(static_cast<uint32_t>(EffectiveMinAllocation(config.minAllocation))),
       owner_(owner),
       factories_(factories),
+      budget_(EffectiveFileBudget(config.fileBudget)),
       freeSpace_(minAllocation_) {
   const std::string narrow = NativePath(path, kOpenFile);
   // Refused before anything is written: the type table could not hold it.

@@ -16,6 +16,13 @@
 // With Config::relaxedOrdering, "durable" weakens to "completed": the file
 // then survives a crash of the process but not a power loss.
 //
+// Budget: with Config::fileBudget (or near the format's 2 GiB limit), a write
+// that finds no free range for its data and would grow the file past the
+// budget first erases the least recently used entries (`recency_`; an
+// insert or a read from the file makes an entry the most recent), then waits
+// until their delete headers are durable and their ranges free, and tries
+// again. Nothing left to evict: the file grows past the budget.
+//
 // An entry goes through stages: Data (its data write is in flight or waits
 // for a sync), Parked (data durable, header waiting for an earlier header of
 // the key to be durably deleted), Header (header write in flight), Settled.
@@ -31,7 +38,8 @@
 // Table invariants, whenever `lock_` is free (checkInvariants() walks them in
 // every build; debug builds check them after each write and erase while the
 // store holds few entries):
-// - every key of `entries_` equals the primary key of its EntryInfo's header;
+// - every key of `entries_` equals the primary key of its EntryInfo's header,
+//   and `recency_` holds exactly the keys of `entries_`;
 // - an EntryHeader slot is queued in `freeEntryHeaders_`, or owned by an
 //   EntryInfo of `entries_` or `pendingErasures_`, or covered by a delete
 //   header write in flight, or lies in a given-up extent; never two of these;
@@ -51,6 +59,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -58,6 +67,7 @@
 #include <vector>
 
 #include "core/FactoryManager.h"
+#include "pt/CondVar.h"
 #include "pt/Mutex.h"
 #include "pt/PtIoDeviceFile.h"
 #include "pt/ThreadAnnotations.h"
@@ -90,8 +100,9 @@ class FileManager {
     uint32_t headerOffset = 0;
     uint32_t serial = 0;
     Stage stage = Stage::Settled;
-    FileOperationRef operation;       // the write's, until Settled
-    FileOperationRef eraseOperation;  // in pendingErasures_: the erase's
+    FileOperationRef operation;               // the write's, until Settled
+    FileOperationRef eraseOperation;          // in pendingErasures_: the erase's
+    std::list<PrimaryKey>::iterator recency;  // its place in recency_ (entries_ only)
     bool writePending() const { return stage != Stage::Settled; }
   };
 
@@ -145,7 +156,7 @@ class FileManager {
                        const FileOperationRef& operation);
   void deleteWritten(const FileDeleteEntryReceiver::Target& target,
                      const FileOperationRef& operation);
-  void failDelete(const PrimaryKey& primaryKey);
+  void failDelete(const FileDeleteEntryReceiver::Target& target);
   void extentWritten(uint32_t location, const FileOperationRef& operation);
   void failExtent(uint32_t location);
   // Queues the read of the entry's data for request `requestId`; its
@@ -167,6 +178,8 @@ class FileManager {
   // free; the slot is the next one handed out.
   void releaseSpace(uint32_t headerOffset, uint32_t dataOffset, uint32_t allocatedLength)
       PT_REQUIRES(lock_);
+  // Entries erased to keep the file within Config::fileBudget since the open.
+  int32_t budgetEvictions() const { return budgetEvictions_.load(std::memory_order_relaxed); }
   // Writes that failed since the open (data, header, delete, extent, link,
   // or the sync that was to make them durable): each means that something
   // issued since the last commit() may not be in the file.
@@ -219,6 +232,11 @@ class FileManager {
   void writeEntryHeader(EntryInfo& info) PT_REQUIRES(lock_);
   void issueHeaderOrPark(const PrimaryKey& primaryKey, uint32_t serial) PT_REQUIRES(lock_);
   void dropEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) PT_REQUIRES(lock_);
+  void forgetEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) PT_REQUIRES(lock_);
+  void enterEntry(const PrimaryKey& primaryKey, const EntryInfo& info) PT_REQUIRES(lock_);
+  void keepWithinBudget(uint64_t want) PT_REQUIRES(lock_);
+  bool fitsWithinBudget(uint64_t want) const PT_REQUIRES(lock_);
+  bool evictForBudget(uint64_t want) PT_REQUIRES(lock_);
   void keyDeleted(const PrimaryKey& primaryKey) PT_REQUIRES(lock_);
   void countWriteFailure() { writeFailures_.fetch_add(1, std::memory_order_relaxed); }
   bool inGivenUpExtent(uint32_t slot) const PT_REQUIRES(lock_);
@@ -244,6 +262,8 @@ class FileManager {
   Pt::SmartPointer<Pt::PtIoDeviceFile> device_;
   std::unique_ptr<GroupSync> groupSync_;
   std::atomic<int32_t> writeFailures_{0};
+  std::atomic<int32_t> budgetEvictions_{0};
+  const uint64_t budget_;
 
   Pt::Mutex lock_;
   FreeSpace freeSpace_ PT_GUARDED_BY(lock_);
@@ -259,6 +279,13 @@ class FileManager {
   // Keys whose delete header failed: an old header may still be on disk, so
   // no new header of the key is written while the store is open.
   std::set<PrimaryKey> undeletable_ PT_GUARDED_BY(lock_);
+  // Keys of entries_, least recently used first.
+  std::list<PrimaryKey> recency_ PT_GUARDED_BY(lock_);
+  // Data ranges of entries erased for the budget, not yet free again (by
+  // offset), their total, and the signal that one came free.
+  std::map<uint32_t, uint32_t> evicting_ PT_GUARDED_BY(lock_);
+  uint64_t evictingBytes_ PT_GUARDED_BY(lock_) = 0;
+  Pt::CondVar spaceFreed_;
   // Slot arrays of extents given up after a failed write or link.
   std::vector<FileRange> givenUpSlots_ PT_GUARDED_BY(lock_);
 };

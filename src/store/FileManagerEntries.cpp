@@ -63,6 +63,11 @@ FileManager::EntryInfo FileManager::reserveEntry(const PrimaryKey& primaryKey,
   // Validates both key lengths before anything is taken.
   EntryHeader header =
       EntryHeader::ForEntry(static_cast<uint16_t>(id), primaryKey, secondaryKey, 0, length, 0);
+  keepWithinBudget(AllocatedLengthFor(length, minAllocation_));
+  // The wait for room let go of the lock: the key may have come meanwhile.
+  if (entries_.count(primaryKey) != 0) {
+    throw std::invalid_argument("FileManager::write: the key is already stored");
+  }
   FileOperationRef operation =
       operations_.begin(std::max<uint64_t>(length, kMinWriteCharge) + kEntryHeaderSize);
   const uint32_t slot = allocateEntryHeader();
@@ -72,8 +77,8 @@ FileManager::EntryInfo FileManager::reserveEntry(const PrimaryKey& primaryKey,
     freeEntryHeaders_.push_front(slot);  // the slot goes back where it came from
     throw;
   }
-  EntryInfo info{header, slot, NextSerial(), Stage::Data, std::move(operation), {}};
-  entries_.emplace(primaryKey, info);
+  EntryInfo info{header, slot, NextSerial(), Stage::Data, std::move(operation), {}, {}};
+  enterEntry(primaryKey, info);
   secondaryIndex_.add(secondaryKey, primaryKey);
   return info;
 }
@@ -177,8 +182,7 @@ void FileManager::failEntryHeader(const PrimaryKey& primaryKey, uint32_t serial,
   const auto entry = entries_.find(primaryKey);
   if (entry != entries_.end() && entry->second.serial == serial) {
     failed = entry->second;
-    secondaryIndex_.remove(failed.header.secondaryKeyValue(), primaryKey);
-    entries_.erase(entry);
+    forgetEntry(entry);
     ++erasing_[primaryKey];
   } else {
     auto [it, end] = pendingErasures_.equal_range(primaryKey);
@@ -196,7 +200,18 @@ void FileManager::failEntryHeader(const PrimaryKey& primaryKey, uint32_t serial,
 void FileManager::dropEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) {
   const EntryInfo& info = entry->second;
   releaseSpace(info.headerOffset, info.header.dataOffset, info.header.allocatedLength);
-  secondaryIndex_.remove(info.header.secondaryKeyValue(), entry->first);
+  forgetEntry(entry);
+}
+
+void FileManager::enterEntry(const PrimaryKey& primaryKey, const EntryInfo& info) {
+  const auto [entry, added] = entries_.try_emplace(primaryKey, info);
+  if (added) entry->second.recency = recency_.insert(recency_.end(), primaryKey);
+}
+
+// Takes the entry out of the index, the secondary index and the recency list.
+void FileManager::forgetEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) {
+  secondaryIndex_.remove(entry->second.header.secondaryKeyValue(), entry->first);
+  recency_.erase(entry->second.recency);
   entries_.erase(entry);
 }
 
@@ -223,8 +238,7 @@ bool FileManager::erase(const PrimaryKey& primaryKey) {
       releaseSpace(info.headerOffset, info.header.dataOffset, info.header.allocatedLength);
       break;
   }
-  secondaryIndex_.remove(info.header.secondaryKeyValue(), primaryKey);
-  entries_.erase(entry);
+  forgetEntry(entry);
   PT_DEBUG_CHECK(entries_.size(), invariantsHold());
   return true;
 }
@@ -245,7 +259,7 @@ void FileManager::deleteWritten(const FileDeleteEntryReceiver::Target& target,
                                 const FileOperationRef& operation) {
   groupSync_->afterDurable([this, target, operation](int error) {
     if (error != 0) {
-      failDelete(target.primaryKey);
+      failDelete(target);
       Pt::Exception::Post(
           ExFileReadEntry(kDeleteHeaderFailed.where, Pt::ExSystem(error, kDeleteSync.where)));
       return;
@@ -259,9 +273,15 @@ void FileManager::deleteWritten(const FileDeleteEntryReceiver::Target& target,
 // The old header may still be on disk, pointing at its slot and range: both
 // stay out of use, and no new header of the key is written while the store
 // is open, so that the file never holds two headers of it.
-void FileManager::failDelete(const PrimaryKey& primaryKey) {
+void FileManager::failDelete(const FileDeleteEntryReceiver::Target& target) {
   countWriteFailure();
   Pt::MutexLock guard(lock_);
+  const PrimaryKey& primaryKey = target.primaryKey;
+  if (const auto evicting = evicting_.find(target.dataOffset); evicting != evicting_.end()) {
+    evictingBytes_ -= evicting->second;  // it will not come free: stop waiting for it
+    evicting_.erase(evicting);
+    spaceFreed_.broadcast();
+  }
   undeletable_.insert(primaryKey);
   keyDeleted(primaryKey);
 }
@@ -284,6 +304,7 @@ void FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
     Pt::MutexLock guard(lock_);
     const auto entry = entries_.find(primaryKey);
     if (entry == entries_.end()) throw std::invalid_argument("FileManager::read: no such entry");
+    recency_.splice(recency_.end(), recency_, entry->second.recency);  // now the most recent
     header = entry->second.header;
     type = typeNameLocked(header.typeId);
   }

@@ -14,6 +14,12 @@
 #include "tarn/Exceptions.h"
 
 namespace Tarn {
+namespace {
+
+// Most bytes that one eviction round frees beyond what the write needs.
+constexpr uint64_t kEvictionMargin = uint64_t{1} << 20;
+
+}  // namespace
 
 uint32_t FileManager::growFileBy(uint64_t bytes) {
   const auto end = static_cast<uint64_t>(fileEnd_.load(std::memory_order_relaxed));
@@ -149,6 +155,45 @@ void FileManager::releaseSpace(uint32_t headerOffset, uint32_t dataOffset,
                                uint32_t allocatedLength) {
   if (!inGivenUpExtent(headerOffset)) freeEntryHeaders_.push_front(headerOffset);
   freeSpace_.add(dataOffset, allocatedLength);
+  if (const auto evicting = evicting_.find(dataOffset); evicting != evicting_.end()) {
+    evictingBytes_ -= evicting->second;
+    evicting_.erase(evicting);
+    spaceFreed_.broadcast();
+  }
+}
+
+// Makes room for `want` bytes of data within the budget: while neither a free
+// range nor the room up to the budget can take them, evicts the least
+// recently used entries and waits (releasing the lock) until their ranges are
+// free. When nothing is left to evict, the write grows the file past the
+// budget.
+void FileManager::keepWithinBudget(uint64_t want) {
+  while (!fitsWithinBudget(want)) {
+    if (evictingBytes_ == 0 && !evictForBudget(want)) return;
+    if (evictingBytes_ > 0) spaceFreed_.wait_(lock_, -1);
+  }
+}
+
+bool FileManager::fitsWithinBudget(uint64_t want) const {
+  return freeSpace_.largest() >= want || static_cast<uint64_t>(fileEnd()) + want <= budget_;
+}
+
+// Erases least recently used entries until the free bytes and those coming
+// free make room for `want` and a margin (so that one round serves several
+// writes), and at least one. False when there was nothing to erase.
+bool FileManager::evictForBudget(uint64_t want) {
+  const uint64_t needed = want + std::min<uint64_t>(budget_ / 32, kEvictionMargin);
+  bool evicted = false;
+  while (!recency_.empty() && (!evicted || freeSpace_.totalBytes() + evictingBytes_ < needed)) {
+    const PrimaryKey key = recency_.front();
+    const EntryHeader& header = entries_.at(key).header;
+    evicting_.emplace(header.dataOffset, header.allocatedLength);
+    evictingBytes_ += header.allocatedLength;
+    erase(key);
+    budgetEvictions_.fetch_add(1, std::memory_order_relaxed);
+    evicted = true;
+  }
+  return evicted;
 }
 
 bool FileManager::checkInvariants() {
@@ -162,9 +207,10 @@ bool FileManager::invariantsHold() const {
   if (slots.size() != freeEntryHeaders_.size() || !freeSpace_.checkInvariants().empty()) {
     return false;
   }
+  if (recency_.size() != entries_.size()) return false;
   std::vector<const EntryInfo*> owners;
   for (const auto& [key, info] : entries_) {
-    if (key != info.header.primaryKeyValue()) return false;
+    if (key != info.header.primaryKeyValue() || *info.recency != key) return false;
     if (info.stage == Stage::Parked && erasing_.count(key) == 0) return false;
     owners.push_back(&info);
   }

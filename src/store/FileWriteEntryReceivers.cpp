@@ -35,7 +35,7 @@ void FileDeleteEntryReceiver::ioCompleted(Pt::IoRequest& /*request*/) {
 }
 
 void FileDeleteEntryReceiver::ioFailed(Pt::IoRequest& /*request*/, const Pt::Exception& cause) {
-  fileManager_->failDelete(target_.primaryKey);
+  fileManager_->failDelete(target_);
   // Reported as an entry-read failure, the class callers watch for.
   Pt::Exception::Post(ExFileReadEntry(kDeleteHeaderFailed.where, cause));
 }

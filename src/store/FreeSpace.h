@@ -76,6 +76,8 @@ class FreeSpace {
   std::vector<FileRange> ranges() const;
   size_t rangeCount() const { return byOffset_.size(); }
   uint64_t totalBytes() const { return totalBytes_; }
+  // The length of the longest free range (0 when there is none).
+  uint32_t largest() const { return bySize_.empty() ? 0 : bySize_.rbegin()->first; }
 
   // Walks the whole structure. Returns an empty string when every invariant
   // above holds, else a description of the first one broken. Works in every

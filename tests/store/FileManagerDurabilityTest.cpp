@@ -52,9 +52,10 @@ class FileManagerDurabilityTest : public testing::TestWithParam<bool> {
     Pt::PlatformUninit();
   }
   bool relaxed() const { return GetParam(); }
-  std::unique_ptr<FileManager> open() {
+  std::unique_ptr<FileManager> open(int32_t budget = 0) {
     Tarn::Config config{};
     config.createIfMissing = true;
+    config.fileBudget = budget;
     config.relaxedOrdering = relaxed();
     return std::make_unique<FileManager>(dir_.wfile("c.tarn").c_str(), nullptr, config,
                                          TarnTest::FactoriesFor({"tile"}));
@@ -253,6 +254,31 @@ TEST_P(FileManagerDurabilityTest, CheckerCatchesSpaceReleasedWhileOwned) {
     store_->releaseSpace(owned.headerOffset, owned.header.dataOffset + 1024, 256);
   }
   EXPECT_FALSE(store_->checkInvariants());  // the slot is free and owned
+}
+
+// With a budget, a write that would grow the file past it first erases the
+// least recently used entries (after a reopen: the first in the file) and
+// reuses their space once their delete headers are done.
+TEST_P(FileManagerDurabilityTest, BudgetEvictsTheLeastRecentlyUsedEntries) {
+  constexpr int32_t kBudget = Tarn::kInitialFileSize + 64 * 1024;
+  store_ = nullptr;
+  store_ = open(kBudget);
+  for (int i = 0; i < 8; ++i) write("k" + std::to_string(i), 8000);  // 64,000 bytes
+  store_->commit();
+  EXPECT_EQ(store_->budgetEvictions(), 0);
+  store_ = nullptr;
+  store_ = open(kBudget);  // entries rank in file order: k0 is the least recent
+  for (int i = 0; i < 3; ++i) write("n" + std::to_string(i), 8000);
+  store_->commit();
+  EXPECT_LE(store_->fileEnd(), kBudget);
+  EXPECT_GE(store_->budgetEvictions(), 3);
+  EXPECT_FALSE(store_->contains(Key("k0")));
+  EXPECT_TRUE(store_->contains(Key("k7")));
+  EXPECT_TRUE(store_->contains(Key("n2")));
+  EXPECT_TRUE(store_->checkInvariants());
+  reopen();
+  EXPECT_TRUE(store_->contains(Key("n2")));
+  EXPECT_FALSE(store_->contains(Key("k0")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Ordering, FileManagerDurabilityTest, testing::Values(false, true),
