@@ -93,6 +93,7 @@ class TARN_EXPORT Cache {
   Statistics& statistics(Statistics& statistics);
 
  private:
+  friend struct CacheInternals;  // lets tests and diagnostics reach the manager
   CacheManager* manager_;
 };
 
