@@ -109,14 +109,26 @@ def run(command, cwd, log, timeout=None):
             return 124
 
 
+def same_content(a, b):
+    if not os.path.isfile(b) or os.path.getsize(a) != os.path.getsize(b):
+        return False
+    with open(a, "rb") as fa, open(b, "rb") as fb:
+        return fa.read() == fb.read()
+
+
 def copy_tree(source, scratch):
+    """Copies the working tree's files. Changed files get a new time stamp (a
+    kept scratch build must see them as newer); unchanged ones keep theirs."""
     files = subprocess.run(["git", "ls-files", "-co", "--exclude-standard", "-z"], cwd=source,
                            check=True, capture_output=True).stdout.decode().split("\0")
     for name in filter(None, files):
         if not os.path.isfile(os.path.join(source, name)):
             continue  # deleted in the working tree
-        os.makedirs(os.path.dirname(os.path.join(scratch, name)) or scratch, exist_ok=True)
-        shutil.copy2(os.path.join(source, name), os.path.join(scratch, name))
+        target = os.path.join(scratch, name)
+        if same_content(os.path.join(source, name), target):
+            continue
+        os.makedirs(os.path.dirname(target) or scratch, exist_ok=True)
+        shutil.copy(os.path.join(source, name), target)
 
 
 def apply(scratch, path, find, replace):

@@ -1,11 +1,14 @@
 // The cache's life and its operations that store, evict, erase and cancel,
 // observed through what a user sees: receiver calls, statistics, the file
 // after a reopen, posted exceptions.
+#include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <future>
 #include <tuple>
 
 #include "platform/IoFaultInjection.h"
+#include "store/FileFormat.h"
 #include "support/CacheFixture.h"
 #include "support/PostedExceptions.h"
 #include "support/RawCacheFile.h"
@@ -85,6 +88,30 @@ TEST_F(CacheTest, EraseWhileTheWriteIsInFlightLeavesNothingAfterReopen) {
   EXPECT_TRUE(TarnTest::AllZero(TarnTest::ReadFileBytes(dir_.file("cache.tarn")), 816, 880));
   open();
   EXPECT_FALSE(cache_->isCached(Key("a")));
+}
+
+// commit() waits for the whole chain of an insert: its data write and the
+// header write that the data's completion queues, not only what the device
+// had queued when commit began.
+TEST_F(CacheTest, CommitWaitsForTheHeaderThatFollowsTheData) {
+  using namespace std::chrono_literals;
+  open();
+  const IoFaultInjection::Kind write = IoFaultInjection::Kind::Write;
+  IoFaultInjection::Add(
+      {.action = IoFaultInjection::Action::HoldBack, .kind = write, .length = 256});
+  IoFaultInjection::Add({.action = IoFaultInjection::Action::HoldBack,
+                         .kind = write,
+                         .offset = Tarn::kFirstEntriesOffset});
+  insert("a", 100);
+  ASSERT_TRUE(IoFaultInjection::WaitHeld(1));  // the data
+  auto committed = std::async(std::launch::async, [&] { cache_->commit(); });
+  ASSERT_EQ(committed.wait_for(50ms), std::future_status::timeout) << "returned with the data held";
+  IoFaultInjection::ReleaseHeld();
+  ASSERT_TRUE(IoFaultInjection::WaitHeld(1));  // the header, queued once the data landed
+  EXPECT_EQ(committed.wait_for(100ms), std::future_status::timeout)
+      << "commit returned before the entry's header was written";
+  IoFaultInjection::ReleaseHeld();
+  EXPECT_EQ(committed.wait_for(20s), std::future_status::ready);
 }
 
 TEST_F(CacheTest, PurgeDropsMemoryOnly) {

@@ -135,7 +135,12 @@ class CountingReceiver : public Tarn::CacheableReceiver {
  public:
   CountingReceiver(Tally& tally, Faults& faults, const PrimaryKey& key)
       : tally_(tally), faults_(faults), key_(key) {}
-  void expectId(int id) { id_ = id; }
+  // Sets the id find returned; false when a call already came with another.
+  bool expectId(int id) {
+    id_ = id;
+    const int seen = seenId_.load();
+    return seen == 0 || seen == id;
+  }
 
   void found(int id, const Tarn::CacheKey<32>& key,
              const Pt::SmartPointer<Tarn::Cacheable>& object) override {
@@ -153,6 +158,7 @@ class CountingReceiver : public Tarn::CacheableReceiver {
   void called(int id, const Tarn::CacheKey<32>& key) {
     ++tally_.answered;
     if (calls_.fetch_add(1) != 0) ++tally_.repeated;
+    seenId_ = id;
     // The id is checked once find has returned it (a memory hit calls first).
     const int expected = id_.load();
     if (!(key == key_) || (expected != 0 && id != expected)) {
@@ -163,6 +169,7 @@ class CountingReceiver : public Tarn::CacheableReceiver {
   Faults& faults_;
   const PrimaryKey key_;
   std::atomic<int> id_{0};
+  std::atomic<int> seenId_{0};
   std::atomic<int> calls_{0};
 };
 
@@ -265,7 +272,7 @@ void Worker::startLookup(bool create) {
     --run_.tally.started;
     return;
   }
-  receiver->expectId(id);
+  if (!receiver->expectId(id)) fault("a memory hit was answered with another id");
   if (recentIds_.size() < 8) {
     recentIds_.push_back(id);
   } else {
