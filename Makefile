@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 
-.PHONY: deps build run test crashtest bench asan tsan fuzz clean
+.PHONY: deps build run test stress crashtest bench asan tsan fuzz clean
 
 deps:
 	@missing=""; \
@@ -39,15 +39,20 @@ crashtest: build
 	TARN_CRASH_CYCLES=$(CRASH_CYCLES) TARN_CRASH_SECONDS=0 TARN_POWERLOSS_IMAGES=$(POWERLOSS_IMAGES) \
 	  ./build/$(PRESET)/tests/tarn_crash_tests
 
+# The stress suite alone; TARN_STRESS_OPS and TARN_STRESS_SEED pass through.
+stress: build
+	ctest --preset $(PRESET) -L stress --verbose
+
 bench: PRESET = default
 bench: build
 	@for b in build/default/bench/tarn_bench_*; do echo "== $$b"; $$b --benchmark_counters_tabular=true || exit 1; done
 
+# Sanitizers slow the stress suite down many times; it runs a smaller count.
 asan:
-	$(MAKE) test PRESET=asan
+	TARN_STRESS_OPS=$${TARN_STRESS_OPS:-200000} $(MAKE) test PRESET=asan
 
 tsan:
-	$(MAKE) test PRESET=tsan
+	TARN_STRESS_OPS=$${TARN_STRESS_OPS:-200000} $(MAKE) test PRESET=tsan
 
 # The loader fuzzer, in a tree of its own where the whole library is built
 # with clang for coverage and the sanitizers. The corpus grows across runs;

@@ -120,6 +120,7 @@ class TARN_EXPORT Cache {
   int32_t droppedEntries();
 
  private:
+  friend struct CacheInternals;  // lets tests and diagnostics reach the manager
   CacheManager* manager_;
 };
 

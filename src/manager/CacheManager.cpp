@@ -277,9 +277,9 @@ Statistics& CacheManager::statistics(Statistics& statistics) {
   return statistics;
 }
 
-void CacheManager::checkInvariants() {
+std::string CacheManager::checkInvariants() {
   Pt::MutexLock index(indexLock_);
-  slots_.checkInvariants();
+  return slots_.checkInvariants();
 }
 
 }  // namespace Tarn

@@ -64,8 +64,9 @@ class CacheManager {
 
   FileManager& fileManager() { return *fileManager_; }
   int32_t id() const { return id_; }
-  // Asserts the index invariants (debug builds).
-  void checkInvariants();
+  // The index's invariants: empty when they hold, else what is broken.
+  // Works in every build.
+  std::string checkInvariants();
 
  private:
   // The steps below receive the caller's guards and release them on the way

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstdio>
 #include <iterator>
+#include <string>
 #include <utility>
 
 #include "core/RaiseSites.h"
@@ -31,36 +33,59 @@ int32_t Wrap(int64_t value) {
   return static_cast<int32_t>(static_cast<uint32_t>(value));
 }
 
-#ifndef NDEBUG
 using Index = std::map<PrimaryKey, uint32_t>;
 
 bool UsedGeneration(uint32_t generation) {
   return generation >= 1 && generation <= SlotTable::kMaxGeneration;
 }
 
-void CheckFreeSlot(const CacheSlot& slot, uint32_t position, const Index& index) {
-  assert(!slot.cacheable && slot.waiting.empty());
-  const bool blank = slot.generation == 0 && slot.index == 0xFFFFFFFF && slot.key.length == 0;
-  assert(blank || (UsedGeneration(slot.generation) && slot.index == position));
-  // A freed slot keeps its last key, which may since have gone to another slot.
-  const auto found = index.find(slot.key);
-  assert(found == index.end() || PositionOf(found->second) != position);
+std::string Broken(const char* what, uint32_t position) {
+  return std::string(what) + " (slot " + std::to_string(position) + ")";
 }
 
-void CheckIndexedSlot(const CacheSlot& slot, uint32_t position, const Index& index) {
-  assert(slot.state == SlotState::InMemory || slot.state == SlotState::Reading ||
-         slot.state == SlotState::Generating);
-  assert(slot.index == position && UsedGeneration(slot.generation));
-  const auto found = index.find(slot.key);
-  assert(found != index.end() && found->second == static_cast<uint32_t>(slot.requestId()));
-  assert(bool(slot.cacheable) == (slot.state == SlotState::InMemory));
-  assert(!slot.cacheable || *slot.lruPosition == slot.key);
-  assert(slot.state != SlotState::InMemory || slot.waiting.empty());
-  for (const PendingReceiver& pending : slot.waiting) {
-    assert(pending.requestId == slot.requestId() && pending.key == slot.key && pending.receiver);
+std::string CheckFreeSlot(const CacheSlot& slot, uint32_t position, const Index& index) {
+  if (slot.cacheable || !slot.waiting.empty())
+    return Broken("a free slot holds something", position);
+  const bool blank = slot.generation == 0 && slot.index == 0xFFFFFFFF && slot.key.length == 0;
+  if (!blank && !(UsedGeneration(slot.generation) && slot.index == position)) {
+    return Broken("a free slot has a wrong generation or position", position);
   }
+  // A freed slot keeps its last key, which may since have gone to another slot.
+  const auto found = index.find(slot.key);
+  if (found != index.end() && PositionOf(found->second) == position) {
+    return Broken("a free slot is still indexed", position);
+  }
+  return {};
 }
-#endif
+
+std::string CheckIndexedSlot(const CacheSlot& slot, uint32_t position, const Index& index) {
+  if (slot.state != SlotState::InMemory && slot.state != SlotState::Reading &&
+      slot.state != SlotState::Generating) {
+    return Broken("an indexed slot is neither in memory nor pending", position);
+  }
+  if (slot.index != position || !UsedGeneration(slot.generation)) {
+    return Broken("an indexed slot has a wrong generation or position", position);
+  }
+  const auto found = index.find(slot.key);
+  if (found == index.end() || found->second != static_cast<uint32_t>(slot.requestId())) {
+    return Broken("an indexed slot's key does not lead to its current id", position);
+  }
+  if (bool(slot.cacheable) != (slot.state == SlotState::InMemory)) {
+    return Broken("a slot's object does not match its state", position);
+  }
+  if (slot.cacheable && !(*slot.lruPosition == slot.key)) {
+    return Broken("a slot's LRU position holds another key", position);
+  }
+  if (slot.state == SlotState::InMemory && !slot.waiting.empty()) {
+    return Broken("an in-memory slot has receivers waiting", position);
+  }
+  for (const PendingReceiver& pending : slot.waiting) {
+    if (pending.requestId != slot.requestId() || !(pending.key == slot.key) || !pending.receiver) {
+      return Broken("a waiting receiver carries another id or key", position);
+    }
+  }
+  return {};
+}
 
 }  // namespace
 
@@ -140,6 +165,7 @@ SlotTable::Released SlotTable::release(const PrimaryKey& key, PendingList& out) 
     lru_.erase(slot.lruPosition);
     memoryInUse_ = Wrap(int64_t{memoryInUse_} - slot.size);
   }
+  checkAfterChange();
   return released;
 }
 
@@ -155,6 +181,7 @@ void SlotTable::store(CacheSlot& slot, const Pt::SmartPointer<Cacheable>& cachea
   slot.lruPosition = std::prev(lru_.end());
   memoryInUse_ = Wrap(int64_t{memoryInUse_} + size);
   slot.state = SlotState::InMemory;
+  checkAfterChange();
 }
 
 void SlotTable::touch(CacheSlot& slot) {
@@ -199,40 +226,62 @@ bool SlotTable::firstKey(PrimaryKey& key) const {
   return true;
 }
 
-void SlotTable::checkInvariants() const {
-#ifndef NDEBUG
-  assert(slots_.size() <= kMaxSlots && freeSlots_.capacity() >= slots_.size());
+std::string SlotTable::checkInvariants() const {
+  if (slots_.size() > kMaxSlots || freeSlots_.capacity() < slots_.size()) {
+    return "more slots than the table allows, or no room to free them all";
+  }
   size_t freeCount = 0;
   size_t heldCount = 0;
   int64_t memory = 0;
   for (uint32_t position = 0; position < slots_.size(); ++position) {
     const CacheSlot& slot = slots_[position];
-    if (slot.state == SlotState::Free) {
-      CheckFreeSlot(slot, position, index_);
-      ++freeCount;
-      continue;
-    }
-    CheckIndexedSlot(slot, position, index_);
+    const bool isFree = slot.state == SlotState::Free;
+    std::string broken =
+        isFree ? CheckFreeSlot(slot, position, index_) : CheckIndexedSlot(slot, position, index_);
+    if (!broken.empty()) return broken;
+    freeCount += isFree;
     if (slot.cacheable) {
       ++heldCount;
       memory += slot.size;
     }
   }
   // Each indexed slot found its own entry, so equal counts leave no stray one.
-  assert(index_.size() + freeCount == slots_.size());
-  assert(freeSlots_.size() == freeCount);
+  if (index_.size() + freeCount != slots_.size() || freeSlots_.size() != freeCount) {
+    return "the index, the free stack and the free slots do not add up";
+  }
   std::vector<bool> stacked(slots_.size());
   for (const uint32_t position : freeSlots_) {
-    assert(position < slots_.size() && slots_[position].state == SlotState::Free);
-    assert(!stacked[position]);
+    if (position >= slots_.size() || slots_[position].state != SlotState::Free) {
+      return Broken("the free stack holds a slot in use", position);
+    }
+    if (stacked[position]) return Broken("the free stack holds a slot twice", position);
     stacked[position] = true;
   }
-  assert(lru_.size() == heldCount && Wrap(memory) == memoryInUse_);
+  if (lru_.size() != heldCount) return "the LRU list and the objects in memory differ in number";
+  if (Wrap(memory) != memoryInUse_) {
+    return "memoryInUse is " + std::to_string(memoryInUse_) + ", the objects hold " +
+           std::to_string(memory);
+  }
   for (const PrimaryKey& key : lru_) {
     const auto found = index_.find(key);
-    assert(found != index_.end());
-    assert(&*slots_[PositionOf(found->second)].lruPosition == &key);
+    if (found == index_.end()) return "the LRU list holds a key that is not indexed";
+    if (&*slots_[PositionOf(found->second)].lruPosition != &key) {
+      return Broken("a slot's LRU position is not its key's node", PositionOf(found->second));
+    }
   }
+  return {};
+}
+
+// A full walk after every change would make each change O(n); one walk per
+// as many changes as there are slots keeps it O(1) amortised and still checks
+// small tables, as tests build them, after every change.
+void SlotTable::checkAfterChange() {
+#ifndef NDEBUG
+  if (++changesSinceCheck_ < slots_.size()) return;
+  changesSinceCheck_ = 0;
+  const std::string broken = checkInvariants();
+  if (!broken.empty()) std::fprintf(stderr, "SlotTable: %s\n", broken.c_str());
+  assert(broken.empty());
 #endif
 }
 

@@ -16,7 +16,8 @@
 // in-memory objects to make room; when none can be evicted it throws and
 // changes nothing.
 //
-// Invariants (checkInvariants() asserts them in debug builds):
+// Invariants (checkInvariants() walks the whole table, O(n); release() and
+// store() call it in debug builds once per as many changes as there are slots):
 // - a key is in `index_` exactly when its slot is not Free, and an indexed
 //   slot is InMemory, Reading or Generating outside allocate's caller;
 // - a slot's cacheable is set exactly when its key is in `lru_`, and
@@ -35,6 +36,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <string>
 #include <vector>
 
 #include "pt/SmartPointer.h"
@@ -122,12 +124,16 @@ class SlotTable {
   int32_t memoryInUse() const { return memoryInUse_; }
   size_t indexedCount() const { return index_.size(); }
   size_t slotCount() const { return slots_.size(); }
-  void checkInvariants() const;
+  // Returns an empty string when every invariant above holds, else a
+  // description of the first one broken. Works in every build, so stress
+  // tests can call it in release builds too. Not while a slot is Allocated.
+  std::string checkInvariants() const;
 
  private:
   void appendBlankSlot();
   bool overBound() const;
   void evictLeastRecentlyUsed();
+  void checkAfterChange();
 
   const int32_t memoryTarget_;
   const int32_t memorySlack_;
@@ -136,6 +142,7 @@ class SlotTable {
   std::map<PrimaryKey, uint32_t> index_;
   std::vector<uint32_t> freeSlots_;
   std::vector<CacheSlot> slots_;
+  [[maybe_unused]] size_t changesSinceCheck_ = 0;  // drives the debug builds' periodic walk
 };
 
 }  // namespace Tarn

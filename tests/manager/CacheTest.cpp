@@ -1,10 +1,14 @@
 // The cache's life and its operations that store, evict, erase and cancel,
 // observed through what a user sees: receiver calls, statistics, the file
 // after a reopen, posted exceptions.
+#include <chrono>
+#include <cstdio>
 #include <fstream>
+#include <future>
 #include <tuple>
 
 #include "platform/IoFaultInjection.h"
+#include "store/FileFormat.h"
 #include "support/CacheFixture.h"
 #include "support/PostedExceptions.h"
 #include "support/RawCacheFile.h"
@@ -30,23 +34,38 @@ TEST_F(CacheTest, InsertedObjectsSurviveAReopen) {
   EXPECT_FALSE(cache_->isCached(Key("d")));
 }
 
-TEST_F(CacheTest, EvictionKeepsMemoryBetweenTargetAndSlack) {
+// Three objects of 40 bytes, then one that takes memory one below, exactly
+// to, or one above target + slack (100 + 50): only the last evicts, down to
+// the target.
+TEST_F(CacheTest, EvictionStartsOnlyAboveTargetPlusSlack) {
+  const struct {
+    size_t last;
+    int purged, inMemory, memory;
+  } cases[] = {{29, 0, 4, 149}, {30, 0, 4, 150}, {31, 2, 2, 71}};
   auto config = DefaultConfig();
   config.memoryTarget = 100;
   config.memorySlack = 50;
-  open(config);
-  for (const char* key : {"a", "b", "c"}) insert(key, 40);
-  EXPECT_EQ(stats().purged, 0);  // 120 is within 100 + 50
-  insert("d", 40);               // 160: evict down to 100
-  EXPECT_EQ(std::tuple(stats().purged, stats().entriesInMemory, stats().memoryInUse),
-            std::tuple(2, 2, 80));
-  EXPECT_TRUE(cache_->isCached(Key("a")));  // still in the file
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.last);
+    open(config);
+    for (const char* key : {"a", "b", "c"}) insert(key, 40);
+    insert("d", test.last);
+    const auto s = stats();
+    EXPECT_EQ(std::tuple(s.purged, s.entriesInMemory, s.memoryInUse),
+              std::tuple(test.purged, test.inMemory, test.memory));
+    EXPECT_TRUE(cache_->isCached(Key("a")));  // evicted or not, still in the file
+    close();
+    std::remove(dir_.file("cache.tarn").c_str());
+  }
 }
 
 TEST_F(CacheTest, RefusedObjectsChangeNothing) {
   open();
-  cache_->insert(Key("empty"), Secondary(""), Tarn::Cacheable::Create("tile", nullptr).get());
-  EXPECT_FALSE(cache_->isCached(Key("empty")));
+  // A plain object verifies only with data of at least one byte.
+  for (const auto& data : {Pt::SmartPointer<Tarn::Buffer>(), Tarn::Buffer::Create(0, nullptr)}) {
+    cache_->insert(Key("empty"), Secondary(""), Tarn::Cacheable::Create("tile", data).get());
+    EXPECT_FALSE(cache_->isCached(Key("empty")));
+  }
   const auto unknown = Tarn::Cacheable::Create("nope", Tarn::Buffer::Create(1, "x"));
   EXPECT_THROW(cache_->insert(Key("n"), Secondary(""), unknown.get()),
                Tarn::ExFactoryClassNotFound);
@@ -69,6 +88,30 @@ TEST_F(CacheTest, EraseWhileTheWriteIsInFlightLeavesNothingAfterReopen) {
   EXPECT_TRUE(TarnTest::AllZero(TarnTest::ReadFileBytes(dir_.file("cache.tarn")), 816, 880));
   open();
   EXPECT_FALSE(cache_->isCached(Key("a")));
+}
+
+// commit() waits for the whole chain of an insert: its data write and the
+// header write that the data's completion queues, not only what the device
+// had queued when commit began.
+TEST_F(CacheTest, CommitWaitsForTheHeaderThatFollowsTheData) {
+  using namespace std::chrono_literals;
+  open();
+  const IoFaultInjection::Kind write = IoFaultInjection::Kind::Write;
+  IoFaultInjection::Add(
+      {.action = IoFaultInjection::Action::HoldBack, .kind = write, .length = 256});
+  IoFaultInjection::Add({.action = IoFaultInjection::Action::HoldBack,
+                         .kind = write,
+                         .offset = Tarn::kFirstEntriesOffset});
+  insert("a", 100);
+  ASSERT_TRUE(IoFaultInjection::WaitHeld(1));  // the data
+  auto committed = std::async(std::launch::async, [&] { cache_->commit(); });
+  ASSERT_EQ(committed.wait_for(50ms), std::future_status::timeout) << "returned with the data held";
+  IoFaultInjection::ReleaseHeld();
+  ASSERT_TRUE(IoFaultInjection::WaitHeld(1));  // the header, queued once the data landed
+  EXPECT_EQ(committed.wait_for(100ms), std::future_status::timeout)
+      << "commit returned before the entry's header was written";
+  IoFaultInjection::ReleaseHeld();
+  EXPECT_EQ(committed.wait_for(20s), std::future_status::ready);
 }
 
 TEST_F(CacheTest, PurgeDropsMemoryOnly) {

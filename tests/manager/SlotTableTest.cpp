@@ -66,7 +66,7 @@ TEST(SlotTable, RequestIdsNameOneUseOfOneSlot) {
   EXPECT_EQ(Start(table, Key("d"), SlotState::Reading), 65536) << "generation 0 is skipped";
   EXPECT_EQ(table.slotCount(), 1u);
   EXPECT_EQ(table.slotAt(65536 + 1), nullptr) << "beyond the table";
-  table.checkInvariants();
+  EXPECT_EQ(table.checkInvariants(), "");
 }
 
 // A memory scenario: each step inserts an object (size > 0) or touches a key
@@ -97,6 +97,14 @@ const MemoryCase kMemoryCases[] = {
      ""},
     {"touch", 100, 50, {{'a', 40, 0}, {'b', 40, 0}, {'c', 40, 0}, {'a', 0, 0}, {'d', 40, 2}}, "ad"},
     {"target + slack does not wrap", 100, INT_MAX, {{'a', 1000, 0}}, "a"},
+    // The bounds themselves: nothing is evicted at target + slack, one byte
+    // more starts eviction, and it stops exactly at the target.
+    {"one below target + slack", 100, 50, {{'a', 100, 0}, {'b', 49, 0}}, "ab"},
+    {"exactly target + slack", 100, 50, {{'a', 100, 0}, {'b', 50, 0}}, "ab"},
+    {"one above target + slack", 100, 50, {{'a', 100, 0}, {'b', 51, 1}}, "b"},
+    {"eviction stops exactly at target", 100, 50, {{'a', 51, 0}, {'b', 50, 0}, {'c', 50, 1}}, "bc"},
+    {"eviction stops one below target", 100, 50, {{'a', 52, 0}, {'b', 49, 0}, {'c', 50, 1}}, "bc"},
+    {"zero slack: exactly target stays", 100, 0, {{'a', 60, 0}, {'b', 40, 0}, {'c', 1, 1}}, "bc"},
 };
 
 TEST(SlotTable, MemoryIsBoundedWithHysteresis) {
@@ -113,7 +121,7 @@ TEST(SlotTable, MemoryIsBoundedWithHysteresis) {
       objects[step.key] = new Sized(step.size);
       table.store(*table.slotAt(Start(table, key, SlotState::Reading)), objects[step.key]);
       EXPECT_EQ(table.trim(), step.evicted) << "inserting " << step.key;
-      table.checkInvariants();
+      EXPECT_EQ(table.checkInvariants(), "");
     }
     int32_t memory = 0;
     for (char key : test.resident) {
@@ -148,7 +156,7 @@ TEST(SlotTable, FullTableEvictsOrThrowsUnchanged) {
   EXPECT_EQ(evicted, 0);
   EXPECT_EQ(table.find(Key("new")), nullptr);
   EXPECT_EQ(table.indexedCount(), SlotTable::kMaxSlots);
-  table.checkInvariants();
+  EXPECT_EQ(table.checkInvariants(), "");
 
   for (uint32_t n : {7, 8, 9}) table.store(*table.find(Key(n)), new Sized(10));
   table.touch(*table.find(Key(7u)));
@@ -159,7 +167,7 @@ TEST(SlotTable, FullTableEvictsOrThrowsUnchanged) {
   EXPECT_EQ(id, oldId + 65536) << "the evicted object's slot, next generation";
   EXPECT_EQ(table.memoryInUse(), 20);
   table.slotAt(id)->state = SlotState::Reading;
-  table.checkInvariants();
+  EXPECT_EQ(table.checkInvariants(), "");
 }
 
 TEST(SlotTable, ReleaseHandsOverWaitingReceiversInOrder) {
@@ -180,7 +188,7 @@ TEST(SlotTable, ReleaseHandsOverWaitingReceiversInOrder) {
   EXPECT_EQ(table.slotAt(id)->generation, 1u) << "changes only at the next use";
   EXPECT_FALSE(table.release(Key("k"), out).found);
   EXPECT_EQ(out.size(), 3u);
-  table.checkInvariants();
+  EXPECT_EQ(table.checkInvariants(), "");
 }
 
 }  // namespace

@@ -77,7 +77,9 @@ TEST(PlatformExceptionPost, HandlerGetsACopyAndTheDefaultWritesOneLineToStderr) 
   Pt::Exception::SetPostHandler(nullptr, nullptr, &previous, &previousContext);
   testing::internal::CaptureStderr();
   Pt::Exception::Post(
-      Pt::Exception(Pt::ExReason{L"disk \u00e9 full", Pt::ExWhere{"Store.cpp", 42}}));
+      Pt::Exception(Pt::ExReason{L"disk \u00e9 full", Pt::ExWhere{"Store.cpp", 42}},
+                    Pt::Exception(Pt::ExReason{L"write failed", Pt::ExWhere{"Entry.cpp", 9}},
+                                  Pt::ExSystem(ENOSPC, Pt::ExWhere{"Device.cpp", 7}))));
   const std::string output = testing::internal::GetCapturedStderr();
   Pt::Exception::SetPostHandler(previous, previousContext);
   Pt::Exception::Post(Pt::Exception(Pt::ExReason{L"restored", kHere}));
@@ -87,8 +89,16 @@ TEST(PlatformExceptionPost, HandlerGetsACopyAndTheDefaultWritesOneLineToStderr) 
   ASSERT_EQ(recorder.messages.size(), 2u);
   EXPECT_NE(recorder.addresses[0], &local) << "the handler must get a copy";
   EXPECT_EQ(recorder.messages[1], L"restored");
-  EXPECT_NE(output.find("disk \xC3\xA9 full"), std::string::npos) << output;
-  EXPECT_NE(output.find("Store.cpp:42"), std::string::npos) << output;
+  // The line names the exception and each nested cause, outermost first.
+  size_t from = 0;
+  for (const std::string& part :
+       {std::string("disk \xC3\xA9 full"), std::string("Store.cpp:42"), std::string("write failed"),
+        std::string("Entry.cpp:9"), std::string(std::strerror(ENOSPC)),
+        std::string("Device.cpp:7")}) {
+    const size_t at = output.find(part, from);
+    EXPECT_NE(at, std::string::npos) << "missing or out of order: " << part << "\n" << output;
+    if (at != std::string::npos) from = at + part.size();
+  }
   EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << output;
   EXPECT_EQ(output.back(), '\n');
 }
