@@ -5,7 +5,8 @@
 // on the calling thread, and releases the request afterwards. Requests whose
 // byte ranges overlap reach the device in the order in which they were queued
 // (reads included: a read queued after an overlapping write sees that write);
-// requests that do not overlap run in parallel.
+// requests that do not overlap run in parallel. When a request fails, its
+// ioFailed returns before any request queued behind it starts.
 //
 // Thread-safety: read and write may be called from any thread, completion
 // callbacks included. They throw Pt::ExSystem when a request cannot be queued

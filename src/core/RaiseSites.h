@@ -89,6 +89,9 @@ inline constexpr RaiseSite kWriteExtentHeaderFailed{kMsgFileWriteExtentHeader,
 // A failed delete header is reported with the entry-read class and message.
 inline constexpr RaiseSite kDeleteHeaderFailed{kMsgFileReadEntry, {kSrcDeleteEntryReceiver, 83}};
 inline constexpr RaiseSite kReadEntryFailed{kMsgFileReadEntry, {kSrcReadEntryReceiver, 103}};
+// The read completed, but the entry it read had failed its write or been
+// erased meanwhile: its range may hold anything.
+inline constexpr RaiseSite kReadEntryGone{kMsgFileReadEntry, {kSrcReadEntryReceiver, 88}};
 // The read completed but decode, or the insert after it, threw.
 inline constexpr RaiseSite kReadEntryRebuild{kMsgFileReadEntry, {kSrcReadEntryReceiver, 82}};
 
@@ -170,6 +173,7 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kDeleteSync,
     kDeleteHeaderFailed,
     kReadEntryFailed,
+    kReadEntryGone,
     kReadEntryRebuild,
     kInsertNotVerified,
     kSlotTableFull,

@@ -46,7 +46,8 @@ class IoFaultInjection {
     Lock,
     Unlink,
     Rename,
-    SyncDir,  // SyncParentDirectory
+    SyncDir,     // SyncParentDirectory
+    DeviceSync,  // the fdatasync of a device's flush() or sync()
   };
   enum class Action {
     Fail,       // ioFailed with `error`, the file untouched

@@ -135,13 +135,22 @@ void DeviceCore::Finish(IoRequest* request, int error) {
     IoTrace::RecordWrite(device->fd_, *request, state.transferred);
   }
 
-  std::vector<IoRequest*> ready;  // allocates only when successors wait
-  device->retire(request, ready);
-  for (IoRequest* successor : ready) Dispatch(successor);
-
   IoRequestAccess::setByteCount(*request, state.transferred);
-  state.device = nullptr;
-  Deliver(*request, error);
+  std::vector<IoRequest*> ready;  // allocates only when successors wait
+  if (error == 0) {
+    device->retire(request, ready);
+    for (IoRequest* successor : ready) Dispatch(successor);
+    state.device = nullptr;
+    Deliver(*request, error);
+  } else {
+    // The callback of a failed request runs before the requests queued
+    // behind it start: a read of a range whose write failed then finds the
+    // failure already recorded by its owner, instead of racing it.
+    state.device = nullptr;
+    Deliver(*request, error);
+    device->retire(request, ready);
+    for (IoRequest* successor : ready) Dispatch(successor);
+  }
 
   request->decRefCount();
   owner->decRefCount();  // may destroy the device; nothing of it is used below
@@ -202,6 +211,10 @@ void DeviceCore::flush() {
 
 void DeviceCore::sync() {
   const size_t covered = IoTrace::On() ? IoTrace::RecordFlushBegin(fd_) : 0;
+  if (IoFaultInjection::Armed()) {
+    const int injected = IoFaultInjection::InterceptSync(IoFaultInjection::Kind::DeviceSync).error;
+    if (injected != 0) throw ExSystem(injected, kRaiseDeviceFlush);
+  }
   if (fdatasync(fd_) != 0) throw ExSystem(errno, kRaiseDeviceFlush);
   if (IoTrace::On()) IoTrace::RecordFlushEnd(fd_, covered);
 }

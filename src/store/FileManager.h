@@ -128,6 +128,8 @@ class FileManager {
   void commit();
 
   bool contains(const PrimaryKey& key);
+  // Whether the entry of `key` is still the one written as `serial`.
+  bool holds(const PrimaryKey& primaryKey, uint32_t serial);
   int32_t entryCount();
   // The id of a registered type; 0 when `name` is not registered.
   uint32_t typeId(const std::string& name);

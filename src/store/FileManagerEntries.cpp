@@ -215,6 +215,12 @@ void FileManager::forgetEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) {
   entries_.erase(entry);
 }
 
+bool FileManager::holds(const PrimaryKey& primaryKey, uint32_t serial) {
+  Pt::MutexLock guard(lock_);
+  const auto entry = entries_.find(primaryKey);
+  return entry != entries_.end() && entry->second.serial == serial;
+}
+
 bool FileManager::erase(const PrimaryKey& primaryKey) {
   Pt::MutexLock guard(lock_);
   const auto entry = entries_.find(primaryKey);
@@ -300,20 +306,22 @@ void FileManager::keyDeleted(const PrimaryKey& primaryKey) {
 void FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
   EntryHeader header;
   std::string type;
+  uint32_t serial = 0;
   {
     Pt::MutexLock guard(lock_);
     const auto entry = entries_.find(primaryKey);
     if (entry == entries_.end()) throw std::invalid_argument("FileManager::read: no such entry");
     recency_.splice(recency_.end(), recency_, entry->second.recency);  // now the most recent
     header = entry->second.header;
+    serial = entry->second.serial;
     type = typeNameLocked(header.typeId);
   }
   // A stored type without a factory cannot be rebuilt: the lookup throws.
   const Pt::SmartPointer<CacheableFactory>& factory = factories_->lookup(type);
   FileReadEntryReceiver::Queue(*device_, header,
                                Pt::SmartPointer<FileReadEntryReceiver>(new FileReadEntryReceiver(
-                                   owner_, factory, primaryKey, header.secondaryKeyValue(),
-                                   requestId, operations_.begin())));
+                                   owner_, this, serial, factory, primaryKey,
+                                   header.secondaryKeyValue(), requestId, operations_.begin())));
 }
 
 }  // namespace Tarn

@@ -6,6 +6,7 @@
 #include "core/ClientException.h"
 #include "core/RaiseSites.h"
 #include "manager/CacheManager.h"
+#include "store/FileManager.h"
 #include "tarn/Exceptions.h"
 
 namespace Tarn {
@@ -16,13 +17,16 @@ constexpr uint32_t kMaxReadLength = INT_MAX;
 
 }  // namespace
 
-FileReadEntryReceiver::FileReadEntryReceiver(CacheManager* manager,
+FileReadEntryReceiver::FileReadEntryReceiver(CacheManager* manager, FileManager* store,
+                                             uint32_t serial,
                                              const Pt::SmartPointer<CacheableFactory>& factory,
                                              const PrimaryKey& primaryKey,
                                              const SecondaryKey& secondaryKey, int32_t requestId,
                                              FileOperationRef operation)
     : FileReceiverBase(std::move(operation)),
       manager_(manager),
+      store_(store),
+      serial_(serial),
       factory_(factory),
       primaryKey_(primaryKey),
       secondaryKey_(secondaryKey),
@@ -55,6 +59,12 @@ void FileReadEntryReceiver::rebuild(Pt::IoRequest& request) {
   // A read that ends early ran into the end of the file: the entry's range
   // lies beyond it, and a part of its bytes would be garbage.
   if (request.byteCount() != request.length()) throw ExFileReadEntry(kReadEntryDamaged.where);
+  // An entry whose data write failed (its failure is recorded before this
+  // read could start) or that was erased meanwhile: the range may hold
+  // anything.
+  if (store_ != nullptr && !store_->holds(primaryKey_, serial_)) {
+    throw ExFileReadEntry(kReadEntryGone.where);
+  }
   const Pt::SmartPointer<Buffer> buffer = Buffer::Create(request.byteCount(), request.data());
   const Pt::SmartPointer<Cacheable> cacheable = factory_->decode(primaryKey_, buffer);
   if (!cacheable) {

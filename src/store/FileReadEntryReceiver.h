@@ -17,12 +17,16 @@
 namespace Tarn {
 
 class CacheManager;
+class FileManager;
 
 class FileReadEntryReceiver : public FileReceiverBase {
  public:
   // `manager` outlives the receiver: its file store waits for every receiver
   // before it is destroyed.
-  FileReadEntryReceiver(CacheManager* manager, const Pt::SmartPointer<CacheableFactory>& factory,
+  // `store` and `serial` name the entry read: its bytes are delivered only
+  // if the store still holds that very entry when the read completes.
+  FileReadEntryReceiver(CacheManager* manager, FileManager* store, uint32_t serial,
+                        const Pt::SmartPointer<CacheableFactory>& factory,
                         const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
                         int32_t requestId, FileOperationRef operation);
 
@@ -43,6 +47,8 @@ class FileReadEntryReceiver : public FileReceiverBase {
   void rebuild(Pt::IoRequest& request);
 
   CacheManager* manager_;
+  FileManager* store_;
+  uint32_t serial_;
   Pt::SmartPointer<CacheableFactory> factory_;
   PrimaryKey primaryKey_;
   SecondaryKey secondaryKey_;

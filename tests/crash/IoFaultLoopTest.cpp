@@ -497,18 +497,14 @@ TEST_P(IoFaultLoop, EveryRequestAnsweredOnceAndNothingWrongOrLost) {
   EXPECT_TRUE(findings.empty());
 }
 
-// Found by the loop above. A find of a purged key whose data write is still
-// in flight queues a read of the key's range, which the device orders
-// behind that write. When the write fails, the store takes the entry out of
-// its tables, but the read already queued goes on, returns the range as it
-// was (here the bytes of an erased entry whose freed range the key
-// reused), and its object is delivered as the key's and inserted again (and
-// so written back to the file, where a reopen serves it). The find should
-// fail (or answer absent) instead. Disabled until the store checks, when a
-// read completes, that its entry is still the one it read.
+// A find of a purged key whose data write is still in flight queues a read
+// of the key's range, which the device orders behind that write. When the
+// write fails, the range holds whatever it held before (here the bytes of an
+// erased entry whose freed range the key reused): the find must fail rather
+// than deliver those bytes as the key's, and nothing may write them back.
 using DataWriteFault = IoFaultLoop;
 
-TEST_P(DataWriteFault, DISABLED_FindQueuedBehindAFailedDataWriteReturnsNoWrongBytes) {
+TEST_P(DataWriteFault, FindQueuedBehindAFailedDataWriteReturnsNoWrongBytes) {
   IoFaultInjection::Rule rule;
   rule.kind = IoFaultInjection::Kind::Write;
   rule.length = kDataAllocation;
@@ -546,9 +542,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Combine(kEngines, testing::Values(Request::Header, Request::Extent, Request::Relink,
                                                Request::Delete, Request::Read)),
     CaseName);
-// Data-write faults run into the defect that the disabled test above pins
-// down (a find served bytes never written); enabled with its fix.
-INSTANTIATE_TEST_SUITE_P(DISABLED_DataFaults, IoFaultLoop,
+INSTANTIATE_TEST_SUITE_P(DataFaults, IoFaultLoop,
                          testing::Combine(kEngines, testing::Values(Request::Data)), CaseName);
 INSTANTIATE_TEST_SUITE_P(Engines, DataWriteFault,
                          testing::Combine(kEngines, testing::Values(Request::Data)), CaseName);

@@ -170,6 +170,24 @@ TEST_P(FileManagerDurabilityTest, FailedWriteLeavesNoEntryBehind) {
   EXPECT_EQ(store_->entryCount(), 1);
 }
 
+// A sync that fails may have lost any write it was to cover: with durable
+// ordering the entry waiting on it is dropped and counted; in relaxed
+// ordering the only sync is commit's own, which throws.
+TEST_P(FileManagerDurabilityTest, FailedSyncIsAFailedWrite) {
+  IoFaultInjection::Add({.kind = IoFaultInjection::Kind::DeviceSync, .error = ENOSPC});
+  write("a", 10);
+  if (relaxed()) {
+    EXPECT_THROW(store_->commit(), Pt::ExSystem);
+    store_->commit();
+    EXPECT_TRUE(store_->contains(Key("a")));
+    return;
+  }
+  store_->commit();
+  EXPECT_FALSE(store_->contains(Key("a")));
+  EXPECT_EQ(store_->writeFailures(), 1);
+  EXPECT_TRUE(TarnTest::AllZero(file(), kSlot0, kSlot0 + kHeader));
+}
+
 // A failed delete header leaves the old header on disk: the key's next header
 // is never written while the store is open, so the file keeps one header.
 TEST_P(FileManagerDurabilityTest, FailedDeleteKeepsTheKeyOutOfTheFile) {

@@ -59,10 +59,10 @@ TEST(FileReadEntryQueue, RefusedReadLeavesNoReceiverCounted) {
     header.allocatedLength = c.allocatedLength;
     int line = 0;
     try {
-      FileReadEntryReceiver::Queue(
-          *device, header,
-          SmartPointer<FileReadEntryReceiver>(new FileReadEntryReceiver(
-              nullptr, nullptr, PrimaryKey::FromString("k"), {}, 1, operations.begin())));
+      FileReadEntryReceiver::Queue(*device, header,
+                                   SmartPointer<FileReadEntryReceiver>(new FileReadEntryReceiver(
+                                       nullptr, nullptr, 0, nullptr, PrimaryKey::FromString("k"),
+                                       {}, 1, operations.begin())));
     } catch (const Pt::Exception& error) {
       line = error.where().line;
     }
