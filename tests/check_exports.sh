@@ -4,9 +4,11 @@
 set -euo pipefail
 lib="$1"
 symbols=$(nm -D --defined-only -C "$lib" | awk '{ $1=""; $2=""; sub(/^  /, ""); print }')
-if ! grep -q '^Tarn::CreateCacheFile' <<<"$symbols"; then
-  echo "libtarn.so does not export Tarn::CreateCacheFile"; exit 1
-fi
+for api in Tarn::CreateCacheFile Tarn::CompactCacheFile Tarn::Cache::clear; do
+  if ! grep -q "^$api" <<<"$symbols"; then
+    echo "libtarn.so does not export $api"; exit 1
+  fi
+done
 # Allowed: the Tarn API, the platform types it exposes, and the typeinfo and
 # vtables of exported classes. Anything else is a leak of an internal name.
 leaks=$(grep -v -E '^(Tarn::|Pt::|typeinfo (name )?for (Tarn|Pt)::|vtable for (Tarn|Pt)::|_init$|_fini$)' <<<"$symbols" || true)

@@ -14,8 +14,8 @@
 // Cache, in this or another process, may open the same file meanwhile.
 //
 // Thread-safety: every operation may be called from any thread, also from
-// inside a receiver's callbacks, except commit() and the destructor (both
-// wait for the file's outstanding requests) and none may overlap the
+// inside a receiver's callbacks, except commit(), clear() and the destructor
+// (all wait for the file's outstanding requests) and none may overlap the
 // constructor or the destructor. The destructor must not run on a worker
 // thread, in a factory's create(), or in a receiver callback.
 //
@@ -85,6 +85,21 @@ class TARN_EXPORT Cache {
   // Removes the key from memory and from the file; waiting receivers hear
   // cancelled.
   void erase(const CacheKey<32>& primaryKey);
+  // Erases everything: every object leaves memory (the cache's references
+  // go; waiting receivers hear cancelled, as for erase) and every entry
+  // leaves the file through the same zero headers as erase. It then waits,
+  // as commit() does, for those erases and every file operation issued
+  // before it, and when the file holds nothing at that moment cuts it back
+  // to its empty size (a new file's 262,960 bytes): the extents behind the
+  // first are unlinked durably before the file is truncated, so a kill or a
+  // power loss at any moment of clear() leaves a file that opens with each
+  // entry either absent or exact. An entry that another thread inserts while
+  // clear() runs either is erased or stays; when one stays, the file is not
+  // cut back. Same thread rules as commit(). Throws Pt::ExSystem when the
+  // zero headers cannot be queued, or when the unlink, the truncation or a
+  // sync fails: what was erased stays erased, and the file may then stay
+  // longer than empty until it is reopened.
+  void clear();
   // Removes the key from memory only; waiting receivers hear cancelled.
   void purge(const CacheKey<32>& primaryKey);
   // The receivers of `requestId` hear cancelled; the read or generation goes

@@ -78,6 +78,19 @@ inline constexpr RaiseSite kOpenWriteTypeTable{kSystemError, {kSrcFileManager, 2
 // Opening a damaged file: clearing the slots of the entries it dropped and a
 // link that leads to no extent, and syncing that, failed.
 inline constexpr RaiseSite kOpenSalvageWrite{kSystemError, {kSrcFileManager, 375}};
+// Opening a file with bytes behind its last claimed range: cutting them
+// off, and syncing that, failed.
+inline constexpr RaiseSite kOpenTrimTrailing{kSystemError, {kSrcFileManager, 381}};
+// Clearing a cache: unlinking its extents behind the first, cutting the file
+// back and syncing that failed.
+inline constexpr RaiseSite kClearShrink{kSystemError, {kSrcFileManager, 1260}};
+// Compacting a cache file: reading the source (opening and locking it use
+// the open's sites), locking the destination, writing and syncing the new
+// file, and putting it in place (rename, folder sync).
+inline constexpr RaiseSite kCompactRead{kSystemError, {kSrcFileManager, 1301}};
+inline constexpr RaiseSite kCompactDestinationLocked{kSystemError, {kSrcFileManager, 1305}};
+inline constexpr RaiseSite kCompactWrite{kSystemError, {kSrcFileManager, 1312}};
+inline constexpr RaiseSite kCompactReplace{kSystemError, {kSrcFileManager, 1320}};
 
 // Asynchronous file requests that failed, reported by their receivers.
 inline constexpr RaiseSite kWriteEntryFailed{kMsgFileWriteEntry, {kSrcWriteEntryReceiver, 103}};
@@ -157,6 +170,12 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kOpenExtentChainDamaged,
     kOpenFileTooShort,
     kOpenSalvageWrite,
+    kOpenTrimTrailing,
+    kClearShrink,
+    kCompactRead,
+    kCompactDestinationLocked,
+    kCompactWrite,
+    kCompactReplace,
     kOpenRangesDamaged,
     kOpenFileLocked,
     kOpenTypeNameTooLong,

@@ -72,6 +72,10 @@ void Cache::erase(const CacheKey<32>& primaryKey) {
   manager_->erase(Primary(primaryKey));
 }
 
+void Cache::clear() {
+  manager_->clear();
+}
+
 void Cache::purge(const CacheKey<32>& primaryKey) {
   manager_->purge(Primary(primaryKey));
 }

@@ -187,6 +187,32 @@ void CacheManager::erase(const PrimaryKey& primaryKey) {
   DeliverCancelled(collected);
 }
 
+// As erase, for every key at once: memory and file are emptied under the
+// same hand-over of locks, so an insert lands either wholly before (and is
+// erased) or wholly after (and stays). The wait and the cut happen with no
+// manager lock held: reads finishing meanwhile insert what they read.
+void CacheManager::clear() {
+  PendingList collected;
+  int32_t erased = 0;
+  {
+    Pt::UniqueLock index(indexLock_);
+    PrimaryKey key{};
+    while (slots_.firstKey(key)) releaseSlot(key, collected);
+    Pt::UniqueLock file(fileLock_);
+    index.unlock();
+    try {
+      erased = fileManager_->eraseAll();
+    } catch (...) {
+      file.unlock();
+      DeliverCancelled(collected);
+      throw;
+    }
+  }
+  erased_ += erased;
+  DeliverCancelled(collected);
+  fileManager_->shrinkIfEmpty();
+}
+
 void CacheManager::purge(const PrimaryKey& primaryKey) {
   PendingList collected;
   {

@@ -52,6 +52,9 @@ class CacheManager {
                      const std::string& type, const Pt::SmartPointer<CacheableReceiver>& receiver);
   void erase(const PrimaryKey& primaryKey);
   void purge(const PrimaryKey& primaryKey);
+  // Every object leaves memory (waiting receivers hear cancelled) and every
+  // entry the file; then the file is cut back when nothing is left in it.
+  void clear();
   void cancel(int32_t requestId);
   void cancelAll();
   // Ends the key's read or generation `requestId` with `error`: its receivers

@@ -5,7 +5,7 @@
 // the free space: the gaps between the ranges that records claim (the
 // header, the type table, every ExtentHeader and slot array, every live
 // entry's allocated data range). Space behind the last claimed range is not
-// free: new space is always taken at the end of the file.
+// a gap: the store's open cuts it off (trailingBytes says how much).
 //
 // A cache file is input that may be truncated, corrupted or hostile. Damage
 // to its skeleton rejects it, as an unsupported file
@@ -71,7 +71,7 @@ class CacheFileLoader {
     uint32_t chainCutAt = 0;
     uint64_t dataBytes = 0;       // sum of the live entries' dataLength
     uint64_t allocatedBytes = 0;  // sum of their allocatedLength
-    uint64_t trailingBytes = 0;   // behind the last claimed range: unused until recreated
+    uint64_t trailingBytes = 0;   // behind the last claimed range: an open cuts them off
     std::vector<FileRange> gaps;  // free ranges between claimed ranges, in offset order
   };
 

@@ -5,7 +5,8 @@
 // exclusive advisory lock (flock) before it reads anything and holds it until
 // the store is destroyed. The lock belongs to this open file description:
 // another open of the same file, in this process or another, fails. Readers
-// that only inspect a file (tarn-inspect) do not take it.
+// that only inspect a file (tarn-inspect) do not take it; a compaction takes
+// it on both its files.
 //
 // Not thread-safe; owned by one FileManager.
 #pragma once

@@ -1,5 +1,6 @@
 #include "store/FileManager.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <set>
@@ -100,8 +101,28 @@ void FileManager::load(Pt::SyncFile& file) {
   const CacheFileLoader::Summary summary = CacheFileLoader::Load(file, loader);
   for (const FileRange& gap : summary.gaps) freeSpace_.add(gap.offset, gap.length);
   droppedEntries_ = summary.droppedEntries;
+  const ExtentInfo& first = extents_.front();
+  firstExtentEnd_ = static_cast<uint32_t>(std::max(
+      {uint64_t{kFileHeaderSize}, uint64_t{summary.header.typeTableOffset} + kTypeTableSize,
+       uint64_t{first.location} + kExtentHeaderSize,
+       first.header.entriesOffset + first.header.slotsLength()}));
   repairSalvaged(file, loader.droppedSlots, summary.chainCutAt);
   registerTypes(file, summary.header.typeTableOffset);
+  trimTrailing(file, summary.fileLength - summary.trailingBytes, summary.fileLength);
+}
+
+// Cuts the file back to the end of the last range a record claims: bytes
+// behind it (data of entries erased before the close, an entry or extent
+// written before a crash but never reached from a header or link) would
+// otherwise stay unused for good, since new space is taken at the end. No
+// record points there: repairSalvaged has already cleared, durably, the
+// dropped headers and a dangling link. It comes last, so that an open that
+// fails earlier leaves the file as it was. So a crash before, during or after
+// the cut leaves a file that opens with the same entries.
+void FileManager::trimTrailing(Pt::SyncFile& file, uint64_t claimedEnd, uint64_t fileLength) {
+  if (claimedEnd >= fileLength) return;
+  file.truncate(claimedEnd, kOpenTrimTrailing.where);
+  file.sync(kOpenTrimTrailing.where);
 }
 
 // Writes what the load salvaged back to the file before anything else is

@@ -48,7 +48,8 @@
 // - every EntryInfo in `pendingErasures_` is in stage Data or Header;
 // - an entry is Parked only while `erasing_` counts its key;
 // - `types_` holds distinct names and the ids 1 to its size;
-// - `fileEnd_` never shrinks and stays below 2 GiB.
+// - `fileEnd_` stays below 2 GiB and shrinks only in shrinkIfEmpty(), back
+//   to `firstExtentEnd_`.
 //
 // Thread-safety: all public operations may be called from any thread; they
 // take `lock_` (re-entrant, innermost) themselves, except allocateData and
@@ -170,6 +171,20 @@ class FileManager {
   // when its own write is settled. False when the store does not hold it.
   bool erase(const PrimaryKey& primaryKey);
 
+  // Clearing (FileManagerClear.cpp). eraseAll erases every entry as erase()
+  // does and returns how many. shrinkIfEmpty then waits, as commit() does,
+  // for every operation started before it, and when the store holds nothing
+  // at that point (no entry, no operation in flight, no delete that failed)
+  // cuts the file back to its first extent: it syncs (so every delete header
+  // is durable), writes the first extent's header with no link and syncs,
+  // truncates the file behind the first extent and syncs. A crash at any
+  // step leaves a file that opens with no entry. Returns whether it cut the
+  // file back. Throws Pt::ExSystem when a write, sync or the truncation
+  // fails; the extents behind the first are then no longer used while the
+  // store is open. Same thread rules as commit().
+  int32_t eraseAll();
+  bool shrinkIfEmpty();
+
   // Space. The caller of the two allocations holds lock(). Both throw
   // Pt::ExSystem(EFBIG) when growing the file would take it to 2 GiB, and
   // then change nothing.
@@ -248,7 +263,11 @@ class FileManager {
   void load(Pt::SyncFile& file);
   void repairSalvaged(Pt::SyncFile& file, const std::vector<uint32_t>& droppedSlots,
                       uint32_t chainCutAt) PT_REQUIRES(lock_);
+  void trimTrailing(Pt::SyncFile& file, uint64_t claimedEnd, uint64_t fileLength);
   void registerTypes(Pt::SyncFile& file, uint32_t typeTableOffset) PT_REQUIRES(lock_);
+  bool canShrink() PT_REQUIRES(lock_);
+  void unlinkExtentsBehindFirst(Pt::SyncFile& file) PT_REQUIRES(lock_);
+  void dropTablesBehindFirstExtent() PT_REQUIRES(lock_);
   // Advances fileEnd_ by `bytes` and returns where they start; EFBIG when
   // the file would reach 2 GiB.
   uint32_t growFileBy(uint64_t bytes) PT_REQUIRES(lock_);
@@ -259,6 +278,9 @@ class FileManager {
   CacheManager* const owner_;
   const Pt::SmartPointer<FactoryManager> factories_;
   std::atomic<int64_t> fileEnd_{0};
+  // The end of the header, type table and first extent, whichever is last:
+  // what shrinkIfEmpty() keeps.
+  uint32_t firstExtentEnd_ = 0;
   uint32_t droppedEntries_ = 0;
   FileLock fileLock_;
   Pt::SmartPointer<Pt::PtIoDeviceFile> device_;

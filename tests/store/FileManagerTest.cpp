@@ -208,12 +208,24 @@ TEST_F(FileManagerTest, FailedExtentWriteIsPostedAndNeverLinked) {
 }
 
 TEST_F(FileManagerTest, GrowthToTwoGibibytesFailsAndChangesNothing) {
-  Tarn::CreateCacheFile(wpath_.c_str());
-  ASSERT_EQ(truncate(path_.c_str(), (int64_t{1} << 31) - 300'000), 0);  // sparse tail
+  // A live entry whose allocation is the whole sparse tail: the open cuts
+  // nothing and finds no free space.
+  constexpr uint32_t kEnd = (uint32_t{1} << 31) - 300'000;
+  std::vector<uint8_t> image = Tarn::InitialFileImage();
+  const auto record = Tarn::TypeRecord::ForType(1, "tile").encode();
+  std::copy(record.begin(), record.end(), image.begin() + Tarn::kTypeTableOffset);
+  const auto last =
+      Tarn::EntryHeader::ForEntry(1, Tarn::PrimaryKey::FromString("last"), Tarn::SecondaryKey{},
+                                  Tarn::kInitialFileSize, 10, kEnd - Tarn::kInitialFileSize)
+          .encode();
+  std::copy(last.begin(), last.end(), image.begin() + Tarn::kFirstEntriesOffset);
+  ASSERT_TRUE(TarnTest::WriteFileBytes(path_, image));
+  ASSERT_EQ(truncate(path_.c_str(), kEnd), 0);
   auto store = open({"tile"});
   Pt::MutexLock guard(store->lock());
   const int64_t end = store->fileEnd();
-  for (int i = 0; i < 4096; ++i) store->allocateEntryHeader();
+  ASSERT_EQ(end, kEnd);
+  for (int i = 0; i < 4095; ++i) store->allocateEntryHeader();
   uint32_t offset = 0, allocated = 0;
   store->allocateData(200'000, offset, allocated);  // still fits
   // The lambdas run under the guard above, which the lock analysis cannot see.

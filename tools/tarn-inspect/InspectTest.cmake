@@ -32,3 +32,19 @@ expect(1 "cannot open .*missing.tarn" verify ${DIR}/missing.tarn)
 expect(2 "^usage:" verify)
 expect(2 "^usage:" check ${DIR}/new.tarn)
 expect(2 "^usage:" verify ${DIR}/new.tarn --yaml)
+
+# compact: the live entries with no gaps and nothing behind them; in place too.
+file(REMOVE ${DIR}/compact.tarn ${DIR}/inplace.tarn)
+expect(0 "compacted .*entries.tarn \\(263984 bytes\\) to .*compact.tarn \\(263472 bytes, 2 entries\\)"
+  compact ${DIR}/entries.tarn ${DIR}/compact.tarn)
+expect(0 "free bytes +0 in 0 gaps.*trailing bytes +0" info ${DIR}/compact.tarn)
+expect(0 "\"second\"" entries ${DIR}/compact.tarn)
+file(COPY_FILE ${DIR}/entries.tarn ${DIR}/inplace.tarn)
+expect(0 "to .*inplace.tarn \\(263472 bytes, 2 entries\\)"
+  compact ${DIR}/inplace.tarn ${DIR}/inplace.tarn)
+expect(1 "TarnFileManager:371" compact ${DIR}/damaged.tarn ${DIR}/never.tarn)
+if(EXISTS ${DIR}/never.tarn OR EXISTS ${DIR}/never.tarn.compacting)
+  message(FATAL_ERROR "a refused compaction left a file behind")
+endif()
+expect(2 "^usage:" compact ${DIR}/entries.tarn)
+expect(2 "^usage:" compact ${DIR}/entries.tarn ${DIR}/x.tarn --json)

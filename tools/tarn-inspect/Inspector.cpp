@@ -378,4 +378,32 @@ void PrintRejected(std::ostream& out, const std::string& path, const Pt::Excepti
   writer.endObject();
 }
 
+// Decodes UTF-8 strictly: no overlong forms, surrogates or values past
+// U+10FFFF, so that the library's own check of the wide path agrees.
+std::optional<std::wstring> Utf8ToWide(std::string_view text) {
+  std::wstring wide;
+  for (size_t i = 0; i < text.size();) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    const int extra = lead < 0x80       ? 0
+                      : lead >> 5 == 6  ? 1
+                      : lead >> 4 == 14 ? 2
+                      : lead >> 3 == 30 ? 3
+                                        : -1;
+    if (extra < 0 || i + static_cast<size_t>(extra) > text.size() - 1) return std::nullopt;
+    uint32_t value = extra == 0 ? lead : lead & (0x3F >> extra);
+    for (int k = 1; k <= extra; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + k]);
+      if (next >> 6 != 2) return std::nullopt;
+      value = value << 6 | (next & 0x3F);
+    }
+    static constexpr uint32_t kLeast[] = {0, 0x80, 0x800, 0x10000};
+    if (value < kLeast[extra] || value > 0x10FFFF || (value >= 0xD800 && value < 0xE000)) {
+      return std::nullopt;
+    }
+    wide.push_back(static_cast<wchar_t>(value));
+    i += static_cast<size_t>(extra) + 1;
+  }
+  return wide;
+}
+
 }  // namespace TarnInspect

@@ -8,9 +8,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -46,6 +48,9 @@ struct Inspection {
 // `withEntries` asks for them. Throws CannotOpen, or whatever the loader
 // throws for a file it rejects.
 Inspection Inspect(const std::string& path, bool withEntries);
+
+// `text` (UTF-8) as a wide string; nullopt when it is not valid UTF-8.
+std::optional<std::wstring> Utf8ToWide(std::string_view text);
 
 void PrintInfo(std::ostream& out, const Inspection& inspection, bool json);
 void PrintEntries(std::ostream& out, const Inspection& inspection, bool json);

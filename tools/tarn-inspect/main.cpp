@@ -4,9 +4,11 @@
 //   tarn-inspect info FILE [--json]      header, types, extents, space figures
 //   tarn-inspect entries FILE [--json]   one line per live entry
 //   tarn-inspect verify FILE [--json]    "ok" and a summary, or why it fails
+//   tarn-inspect compact SRC DST         the live entries of SRC, with no gaps,
+//                                        put in place of DST (which may be SRC)
 //
-// Exit status: 0 when the file loads, 1 when it cannot be opened or read or
-// is rejected, 2 for bad arguments.
+// Exit status: 0 when the file loads (compact: when DST is written), 1 when
+// it cannot be opened or read or is rejected, 2 for bad arguments.
 #include <cstring>
 #include <iostream>
 #include <new>
@@ -15,33 +17,40 @@
 #include <string_view>
 
 #include "Inspector.h"
+#include "tarn/CacheFile.h"
 
 namespace {
 
 using namespace TarnInspect;
 
-enum class Command { kInfo, kEntries, kVerify };
+enum class Command { kInfo, kEntries, kVerify, kCompact };
 
 struct Arguments {
   Command command = Command::kInfo;
   std::string path;
+  std::string destination;  // compact only
   bool json = false;
 };
 
 constexpr const char* kUsage =
     "usage: tarn-inspect COMMAND FILE [--json]\n"
+    "       tarn-inspect compact SRC DST\n"
     "\n"
     "Commands:\n"
     "  info      header fields, types, extents and how the space is used\n"
     "  entries   every live entry: slot, data range, type and keys\n"
     "  verify    run the checks of an open: \"ok\" (exit 0) or the reason (exit 1)\n"
+    "  compact   write the live entries of SRC with no gaps and put the new file\n"
+    "            in place of DST (which may be SRC) in one rename\n"
     "\n"
-    "The file is opened read-only and never locked or written.\n";
+    "info, entries and verify open the file read-only and never lock or write it.\n"
+    "compact locks SRC and DST as a cache does: it refuses a file a cache has open.\n";
 
 std::optional<Command> CommandNamed(std::string_view name) {
   if (name == "info") return Command::kInfo;
   if (name == "entries") return Command::kEntries;
   if (name == "verify") return Command::kVerify;
+  if (name == "compact") return Command::kCompact;
   return std::nullopt;
 }
 
@@ -59,17 +68,39 @@ std::optional<Arguments> Parse(int argc, char** argv) {
     } else if (positional++ == 0) {
       command = CommandNamed(argument);
       if (!command) return std::nullopt;
-    } else {
+    } else if (positional == 2) {
       arguments.path = argument;
+    } else {
+      arguments.destination = argument;
     }
   }
-  if (!command || positional != 2) return std::nullopt;
+  const int wanted = command == Command::kCompact ? 3 : 2;
+  if (!command || positional != wanted || (arguments.json && command == Command::kCompact)) {
+    return std::nullopt;
+  }
   arguments.command = *command;
   return arguments;
 }
 
+// Compacts and says how the size changed.
+void Compact(const Arguments& arguments) {
+  const std::optional<std::wstring> source = Utf8ToWide(arguments.path);
+  const std::optional<std::wstring> destination = Utf8ToWide(arguments.destination);
+  if (!source || !destination) throw CannotOpen("a path is not valid UTF-8");
+  const uint64_t before = Inspect(arguments.path, false).summary.fileLength;
+  Tarn::CompactCacheFile(source->c_str(), destination->c_str());
+  const Inspection after = Inspect(arguments.destination, false);
+  std::cout << "compacted " << arguments.path << " (" << before << " bytes) to "
+            << arguments.destination << " (" << after.summary.fileLength << " bytes, "
+            << after.summary.liveEntries << " entries)\n";
+}
+
 int Run(const Arguments& arguments) {
   try {
+    if (arguments.command == Command::kCompact) {
+      Compact(arguments);
+      return 0;
+    }
     const Inspection inspection = Inspect(arguments.path, arguments.command == Command::kEntries);
     switch (arguments.command) {
       case Command::kInfo:
@@ -80,6 +111,8 @@ int Run(const Arguments& arguments) {
         break;
       case Command::kVerify:
         PrintVerified(std::cout, inspection, arguments.json);
+        break;
+      case Command::kCompact:  // handled above
         break;
     }
     return 0;
