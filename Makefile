@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 
-.PHONY: deps build run test crashtest bench asan tsan fuzz clean
+.PHONY: deps build run test crashtest soak bench asan tsan fuzz clean
 
 deps:
 	@missing=""; \
@@ -38,6 +38,12 @@ POWERLOSS_IMAGES ?= 100000
 crashtest: build
 	TARN_CRASH_CYCLES=$(CRASH_CYCLES) TARN_CRASH_SECONDS=0 TARN_POWERLOSS_IMAGES=$(POWERLOSS_IMAGES) \
 	  ./build/$(PRESET)/tests/tarn_crash_tests
+
+# The soak program for as long as asked: eight threads of every operation on
+# one cache, then its figures and checks (exit status 1 when one fails).
+SECONDS ?= 60
+soak: build
+	./build/$(PRESET)/tools/tarn-soak/tarn-soak $(SECONDS)
 
 bench: PRESET = default
 bench: build

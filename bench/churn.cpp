@@ -26,6 +26,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -174,14 +175,19 @@ void PwriteFloor(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * shape.opsPerCycle);
 }
 
-void ForEachShape(benchmark::internal::Benchmark* benchmark) {
+// One registration per shape, each with its own number of cycles.
+void RegisterShapes() {
   for (const Shape& shape : kShapes) {
-    benchmark->Args({shape.keys})->Iterations(shape.cycles);
+    for (const auto& [name, function] :
+         {std::pair{"PwriteFloor", &PwriteFloor}, std::pair{"Churn", &Churn}}) {
+      benchmark::RegisterBenchmark(name, function)
+          ->Arg(shape.keys)
+          ->Iterations(shape.cycles)
+          ->UseRealTime()
+          ->Unit(benchmark::kMillisecond);
+    }
   }
 }
-
-BENCHMARK(PwriteFloor)->Apply(ForEachShape)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(Churn)->Apply(ForEachShape)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 class ChurnReporter : public TarnBench::FloorReporter {
  public:
@@ -217,6 +223,7 @@ class ChurnReporter : public TarnBench::FloorReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
+  RegisterShapes();
   ChurnReporter reporter;
   TarnBench::RunBenchmarks(argc, argv, reporter);
   rmdir(ScratchFolder().c_str());

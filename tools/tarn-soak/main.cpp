@@ -155,98 +155,83 @@ class Worker {
 
   void run() {
     Tarn::Serialize sync(&cache_);
+    sync_ = &sync;
+    int total = 0;
+    for (const Weighted& entry : kMix) total += entry.weight;
     while (!stopping.load(std::memory_order_relaxed)) {
-      step(sync);
+      int draw = static_cast<int>(random_() % static_cast<unsigned>(total));
+      const Weighted* entry = kMix;
+      while (draw >= entry->weight) draw -= (entry++)->weight;
+      (this->*entry->operation)();
       ++operations;
     }
   }
 
  private:
+  struct Weighted {
+    int weight;
+    void (Worker::*operation)();
+  };
+  // How often each operation runs, out of the sum of the weights.
+  static const Weighted kMix[11];
+
   uint32_t anyKey() { return static_cast<uint32_t>(random_() % kKeys); }
   uint32_t ownKey() { return anyKey() / kThreads * kThreads + static_cast<uint32_t>(index_); }
 
-  void step(Tarn::Serialize& sync) {
-    switch (random_() % 20) {
-      case 0:
-      case 1:
-      case 2:
-      case 3:
-        replace(ownKey());
-        break;
-      case 4:
-        erase(ownKey());
-        break;
-      case 5:
-      case 6:
-      case 7:
-      case 8:
-        find(anyKey());
-        break;
-      case 9:
-      case 10:
-      case 11:
-        findCreate(anyKey());
-        break;
-      case 12:
-        cache_.purge(KeyOf(anyKey()));
-        break;
-      case 13:
-        cache_.cancel(lastId_);
-        break;
-      case 14:
-      case 15:
-        cache_.isCached(KeyOf(anyKey()));
-        break;
-      case 16:
-        findPrimaryKeys(anyKey());
-        break;
-      case 17: {
-        Tarn::Statistics statistics;
-        cache_.statistics(statistics);
-        break;
-      }
-      case 18:
-        sync.find(KeyOf(anyKey()));
-        break;
-      default: {
-        const uint32_t key = anyKey();
-        sync.findCreate(KeyOf(key), GroupOf(key), kType);
-      }
-    }
-  }
-  void replace(uint32_t key) {
+  void replace() {
     std::uniform_real_distribution<double> exponent(std::log(kSmallest), std::log(kLargest));
-    const uint32_t version = nextVersion.fetch_add(1);
+    const uint32_t key = ownKey(), version = nextVersion.fetch_add(1);
     const auto size = static_cast<uint32_t>(std::exp(exponent(random_)));
     cache_.erase(KeyOf(key));
     lastInserted[key] = 0;
     cache_.insert(KeyOf(key), GroupOf(key), Object(Payload(key, version, size)).get());
     lastInserted[key] = version;
   }
-  void erase(uint32_t key) {
+  void erase() {
+    const uint32_t key = ownKey();
     cache_.erase(KeyOf(key));
     lastInserted[key] = 0;
   }
-  void find(uint32_t key) {
+  void find() {
     Pt::SmartPointer<TimedReceiver> receiver(new TimedReceiver);
-    const int id = cache_.find(KeyOf(key), receiver.get());
+    const int id = cache_.find(KeyOf(anyKey()), receiver.get());
     if (id != 0) answers.started.fetch_add(1), lastId_ = id;
   }
-  void findCreate(uint32_t key) {
+  void findCreate() {
     Pt::SmartPointer<TimedReceiver> receiver(new TimedReceiver);
+    const uint32_t key = anyKey();
     lastId_ = cache_.findCreate(KeyOf(key), GroupOf(key), kType, receiver.get());
     answers.started.fetch_add(1);
   }
-  void findPrimaryKeys(uint32_t key) {
+  void purge() { cache_.purge(KeyOf(anyKey())); }
+  void cancel() { cache_.cancel(lastId_); }
+  void isCached() { cache_.isCached(KeyOf(anyKey())); }
+  void findPrimaryKeys() {
     std::vector<Tarn::CacheKey<32>> keys;
-    cache_.findPrimaryKeys(GroupOf(key), keys);
+    cache_.findPrimaryKeys(GroupOf(anyKey()), keys);
+  }
+  void statistics() {
+    Tarn::Statistics statistics;
+    cache_.statistics(statistics);
+  }
+  void serialFind() { sync_->find(KeyOf(anyKey())); }
+  void serialFindCreate() {
+    const uint32_t key = anyKey();
+    sync_->findCreate(KeyOf(key), GroupOf(key), kType);
   }
 
   Tarn::Cache& cache_;
   const int index_;
   std::mt19937 random_;
+  Tarn::Serialize* sync_ = nullptr;
   int lastId_ = 0;
 };
+
+const Worker::Weighted Worker::kMix[11] = {
+    {4, &Worker::replace},    {1, &Worker::erase},           {4, &Worker::find},
+    {3, &Worker::findCreate}, {1, &Worker::purge},           {1, &Worker::cancel},
+    {2, &Worker::isCached},   {1, &Worker::findPrimaryKeys}, {1, &Worker::statistics},
+    {1, &Worker::serialFind}, {1, &Worker::serialFindCreate}};
 
 double Seconds(Clock::duration duration) {
   return std::chrono::duration<double>(duration).count();
@@ -355,6 +340,25 @@ bool Check(bool ok, bool enforced, const char* what) {
   return ok || !enforced;
 }
 
+constexpr int64_t kRssBar = int64_t{kMemoryTarget} + kMemorySlack + kWriteBacklog + kFixedOverhead;
+
+void PrintFigures(const LoadFigures& load, double amplification) {
+  std::printf("tarn-soak: %d threads, %u keys, %.1f s\n", kThreads, kKeys, load.seconds);
+  std::printf("  operations per second        %12.0f\n",
+              static_cast<double>(load.operations) / load.seconds);
+  std::printf("  peak RSS                     %12.1f MiB (bar %.0f MiB)\n",
+              static_cast<double>(load.peakRss) / 1048576.0, kRssBar / 1048576.0);
+  std::printf("  longest wait for a receiver  %12.3f s\n",
+              static_cast<double>(answers.longestWaitUs.load()) / 1e6);
+  std::printf("  longest commit() under load  %12.3f s\n", load.longestCommit);
+  std::printf("  last commit()                %12.3f s (bar %.1f s)\n", load.lastCommit,
+              kCommitBarSeconds);
+  std::printf("  space amplification          %12.2f\n", amplification);
+  std::printf("  requests started / answered  %lld / %lld\n",
+              static_cast<long long>(answers.started.load()),
+              static_cast<long long>(answers.answered.load()));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -367,25 +371,12 @@ int main(int argc, char** argv) {
   const LoadFigures load = RunLoad(path, seconds);  // the cache closes here
   const double amplification = SpaceAmplification(file);
   const int64_t wrongKeys = CheckEveryKey(path);
-  const int64_t rssBar = int64_t{kMemoryTarget} + kMemorySlack + kWriteBacklog + kFixedOverhead;
-
-  std::printf("tarn-soak: %d threads, %u keys, %.1f s\n", kThreads, kKeys, load.seconds);
-  std::printf("  operations per second        %12.0f\n", load.operations / load.seconds);
-  std::printf("  peak RSS                     %12.1f MiB (bar %.0f MiB)\n",
-              load.peakRss / 1048576.0, rssBar / 1048576.0);
-  std::printf("  longest wait for a receiver  %12.3f s\n", answers.longestWaitUs.load() / 1e6);
-  std::printf("  longest commit() under load  %12.3f s\n", load.longestCommit);
-  std::printf("  last commit()                %12.3f s (bar %.1f s)\n", load.lastCommit,
-              kCommitBarSeconds);
-  std::printf("  space amplification          %12.2f\n", amplification);
-  std::printf("  requests started / answered  %lld / %lld\n",
-              static_cast<long long>(answers.started.load()),
-              static_cast<long long>(answers.answered.load()));
+  PrintFigures(load, amplification);
   bool passed = true;
   passed &= Check(answers.started.load() == answers.answered.load() && answers.repeated.load() == 0,
                   true, "every receiver called exactly once");
   passed &= Check(wrongKeys == 0, true, "every committed entry exact after reopen");
-  passed &= Check(load.peakRss <= rssBar, kBarsEnforced, "peak RSS within the bar");
+  passed &= Check(load.peakRss <= kRssBar, kBarsEnforced, "peak RSS within the bar");
   passed &= Check(load.lastCommit < kCommitBarSeconds, kBarsEnforced, "last commit() under 1 s");
   std::filesystem::remove_all(folder);
   return passed ? 0 : 1;
