@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 
-.PHONY: deps build run test stress crashtest bench asan tsan fuzz clean
+.PHONY: deps build run test stress crashtest soak bench asan tsan fuzz clean
 
 deps:
 	@missing=""; \
@@ -42,6 +42,12 @@ crashtest: build
 # The stress suite alone; TARN_STRESS_OPS and TARN_STRESS_SEED pass through.
 stress: build
 	ctest --preset $(PRESET) -L stress --verbose
+
+# The soak program for as long as asked: eight threads of every operation on
+# one cache, then its figures and checks (exit status 1 when one fails).
+SECONDS ?= 60
+soak: build
+	./build/$(PRESET)/tools/tarn-soak/tarn-soak $(SECONDS)
 
 bench: PRESET = default
 bench: build
