@@ -5,12 +5,14 @@
 // for.
 #include <chrono>
 #include <future>
+#include <map>
 #include <memory>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "platform/IoFaultInjection.h"
+#include "platform/IoTrace.h"
 #include "pt/Platform.h"
 #include "store/FileManager.h"
 #include "support/PostedExceptions.h"
@@ -97,6 +99,35 @@ TEST_P(FileManagerDurabilityTest, HeaderIsIssuedOnlyAfterItsDataIsSynced) {
   IoFaultInjection::Clear();
   store_->commit();
   EXPECT_EQ(TarnTest::U32At(file(), kSlot0 + 52), kData0);
+}
+
+// Seen through the device's trace: commit() ends with a flush that covers
+// every write before it, and (durable ordering) every header is written only
+// after a flush that covers its entry's data.
+TEST_P(FileManagerDurabilityTest, CommitFlushesAndHeadersFollowAFlushOfTheirData) {
+  Pt::IoTrace::Start();
+  for (int i = 0; i < 20; ++i) write("k" + std::to_string(i), 100 + 50 * i);
+  store_->commit();
+  const std::vector<Pt::IoTrace::Event> events = Pt::IoTrace::Stop();
+  ASSERT_FALSE(events.empty());
+  size_t writes = 0, coveredByLastFlush = 0;
+  std::map<uint32_t, size_t> dataWriteAt;  // data offset -> index among the writes
+  for (const Pt::IoTrace::Event& event : events) {
+    if (event.type == Pt::IoTrace::Type::FlushEnd) coveredByLastFlush = event.writesCovered;
+    if (event.type != Pt::IoTrace::Type::Write) continue;
+    if (event.bytes.size() == kHeader && event.offset < kData0) {
+      const uint32_t data = TarnTest::U32At(event.bytes, Tarn::EntryHeader::kDataOffsetAt);
+      ASSERT_EQ(dataWriteAt.count(data), 1u);
+      if (!relaxed()) {
+        EXPECT_GT(coveredByLastFlush, dataWriteAt[data]) << "header before a sync";
+      }
+    } else {
+      dataWriteAt[static_cast<uint32_t>(event.offset)] = writes;
+    }
+    ++writes;
+  }
+  EXPECT_EQ(events.back().type, Pt::IoTrace::Type::FlushEnd);
+  EXPECT_EQ(events.back().writesCovered, writes);  // commit's flush covers everything
 }
 
 // Erase and insert again while the first header is in flight: the new header
