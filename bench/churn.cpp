@@ -36,6 +36,7 @@
 #include "core/RaiseSites.h"
 #include "platform/SyncFile.h"
 #include "store/CacheFileLoader.h"
+#include "store/SpaceReport.h"
 #include "tarn/tarn.h"
 
 namespace {
@@ -100,17 +101,6 @@ std::unique_ptr<Tarn::Cache> Open(const std::wstring& path) {
   return std::make_unique<Tarn::Cache>(path.c_str(), config, new BlobFactory);
 }
 
-// The file's size over the bytes it must hold, read with the loader.
-double SpaceAmplification(const std::string& path) {
-  const Pt::SyncFile file =
-      Pt::SyncFile::Open(path, Pt::SyncFile::Mode::ReadOnly, Tarn::kOpenFile.where);
-  Tarn::CacheFileLoader::Visitor ignore;
-  const Tarn::CacheFileLoader::Summary summary = Tarn::CacheFileLoader::Load(file, ignore);
-  const uint64_t needed = summary.allocatedBytes + Tarn::kFileHeaderSize + Tarn::kTypeTableSize +
-                          uint64_t{summary.extentCount} * Tarn::kExtentBlockSize;
-  return static_cast<double>(summary.fileLength) / static_cast<double>(needed);
-}
-
 // Amplification after each cycle, per key count, for the summary at the end.
 std::map<int, std::vector<double>> amplifications;
 
@@ -145,7 +135,7 @@ void Churn(benchmark::State& state) {
       }
     }
     state.PauseTiming();
-    figures.push_back(SpaceAmplification(name));
+    figures.push_back(Tarn::SpaceAmplification(name));
     state.ResumeTiming();
   }
   state.SetItemsProcessed(state.iterations() * shape.opsPerCycle);

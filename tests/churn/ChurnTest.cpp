@@ -21,6 +21,7 @@
 #include "core/RaiseSites.h"
 #include "platform/SyncFile.h"
 #include "store/CacheFileLoader.h"
+#include "store/SpaceReport.h"
 #include "support/CacheFixture.h"
 
 namespace {
@@ -65,16 +66,6 @@ std::vector<uint8_t> Payload(uint32_t key, const Version& version) {
   return bytes;
 }
 
-double SpaceAmplification(const std::string& path) {
-  const Pt::SyncFile file =
-      Pt::SyncFile::Open(path, Pt::SyncFile::Mode::ReadOnly, Tarn::kOpenFile.where);
-  Tarn::CacheFileLoader::Visitor ignore;
-  const Tarn::CacheFileLoader::Summary summary = Tarn::CacheFileLoader::Load(file, ignore);
-  const uint64_t needed = summary.allocatedBytes + Tarn::kFileHeaderSize + Tarn::kTypeTableSize +
-                          uint64_t{summary.extentCount} * Tarn::kExtentBlockSize;
-  return static_cast<double>(summary.fileLength) / static_cast<double>(needed);
-}
-
 class Churn : public TarnTest::CacheFixture, public testing::WithParamInterface<ChurnCase> {
  protected:
   static Tarn::Config SmallMemory() {
@@ -98,7 +89,7 @@ class Churn : public TarnTest::CacheFixture, public testing::WithParamInterface<
       checkEveryEntry();
       churn(shape.opsPerCycle);
       close();
-      figures.push_back(SpaceAmplification(dir_.file("cache.tarn")));
+      figures.push_back(Tarn::SpaceAmplification(dir_.file("cache.tarn")));
     }
     return figures;
   }

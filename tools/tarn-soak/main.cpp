@@ -44,6 +44,7 @@
 #include "core/RaiseSites.h"
 #include "platform/SyncFile.h"
 #include "store/CacheFileLoader.h"
+#include "store/SpaceReport.h"
 #include "tarn/tarn.h"
 
 namespace {
@@ -257,16 +258,6 @@ int64_t PeakRssBytes() {
   return -1;
 }
 
-double SpaceAmplification(const std::string& path) {
-  const Pt::SyncFile file =
-      Pt::SyncFile::Open(path, Pt::SyncFile::Mode::ReadOnly, Tarn::kOpenFile.where);
-  Tarn::CacheFileLoader::Visitor ignore;
-  const Tarn::CacheFileLoader::Summary summary = Tarn::CacheFileLoader::Load(file, ignore);
-  const uint64_t needed = summary.allocatedBytes + Tarn::kFileHeaderSize + Tarn::kTypeTableSize +
-                          uint64_t{summary.extentCount} * Tarn::kExtentBlockSize;
-  return static_cast<double>(summary.fileLength) / static_cast<double>(needed);
-}
-
 Tarn::Config SoakConfig() {
   Tarn::Config config{};
   config.memoryTarget = kMemoryTarget;
@@ -369,7 +360,7 @@ int main(int argc, char** argv) {
   const std::wstring path(file.begin(), file.end());
 
   const LoadFigures load = RunLoad(path, seconds);  // the cache closes here
-  const double amplification = SpaceAmplification(file);
+  const double amplification = Tarn::SpaceAmplification(file);
   const int64_t wrongKeys = CheckEveryKey(path);
   PrintFigures(load, amplification);
   bool passed = true;
