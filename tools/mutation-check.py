@@ -79,12 +79,6 @@ MUTATIONS = [
      "src/store/FileManager.cpp",
      "  operations_.waitThrough(operations_.lastStarted());\n  device_->flush();\n",
      "  device_->flush();\n"),
-    ("store: erase does not wait for the entry's header in flight",
-     "src/store/FileManagerEntries.cpp",
-     "    case Stage::Header:  // a delete now could land before the header: wait\n",
-     "    case Stage::Header:  // a delete now could land before the header: wait\n"
-     "      ++erasing_[primaryKey];\n      writeDeleteHeader(primaryKey, info, operations_.begin());\n"
-     "      break;\n"),
     ("store: a replacement's header does not wait for the old header's delete",
      "src/store/FileManagerEntries.cpp",
      "  if (erasing_.count(primaryKey) != 0) {\n    info.stage = Stage::Parked;",
