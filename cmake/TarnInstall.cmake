@@ -38,12 +38,11 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/TarnConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/TarnConfig.cmake ${PROJECT_BINARY_DIR}/TarnConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Tarn COMPONENT dev)
 
-# The pkg-config file names absolute directories (Debian's layout puts the
-# library two levels under the prefix, so a path relative to the .pc file does
-# not find the headers). They are worked out when installing, from the prefix
-# in force then: `cmake --install --prefix /usr` gets /usr paths even when the
-# tree was configured for /usr/local. Directories given as absolute at
-# configure time are kept as they are.
+# The pkg-config file names its directories from the prefix (Debian's layout
+# puts the library two levels under it, so a path relative to the .pc file
+# does not find the headers). The prefix is the one in force when installing:
+# `cmake --install --prefix /usr` writes /usr even when the tree was configured
+# for /usr/local. Directories given as absolute at configure time are kept.
 install(CODE "
   set(PROJECT_VERSION \"${PROJECT_VERSION}\")
   set(PROJECT_DESCRIPTION \"${PROJECT_DESCRIPTION}\")
@@ -52,7 +51,7 @@ install(CODE "
   set(TARN_PC_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
   foreach(_tarn_dir TARN_PC_LIBDIR TARN_PC_INCLUDEDIR)
     if(NOT IS_ABSOLUTE \"\${\${_tarn_dir}}\")
-      set(\${_tarn_dir} \"\${TARN_PC_PREFIX}/\${\${_tarn_dir}}\")
+      set(\${_tarn_dir} \"\\\${prefix}/\${\${_tarn_dir}}\")
     endif()
   endforeach()
   configure_file(\"${PROJECT_SOURCE_DIR}/cmake/tarn.pc.in\" \"${PROJECT_BINARY_DIR}/tarn.pc\" @ONLY)

@@ -8,12 +8,14 @@
 #     the compiler alone with -std=c++17) and run.
 #
 # usage: tests/consumer/check.sh [BUILD_DIR]   (default build/default, built)
+# TARN_PREFIX=/opt/tarn installs under another prefix instead of /usr.
 set -euo pipefail
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
 build=$(cd "${1:-$source_dir/build/default}" && pwd)
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/tarn-consumer.XXXXXX")
 trap 'rm -rf "$scratch"' EXIT
 dest=$scratch/root
+prefix=${TARN_PREFIX:-/usr}
 failures=0
 
 step() { printf '== %s\n' "$*"; }
@@ -22,21 +24,21 @@ fail() {
   failures=$((failures + 1))
 }
 
-step "install $build with prefix /usr into a DESTDIR"
+step "install $build with prefix $prefix into a DESTDIR"
 cmake --build "$build" --target tarn tarn-inspect >/dev/null
-DESTDIR=$dest cmake --install "$build" --prefix /usr >/dev/null
-pc=$(find "$dest/usr" -name tarn.pc)
+DESTDIR=$dest cmake --install "$build" --prefix "$prefix" >/dev/null
+pc=$(find "$dest$prefix" -name tarn.pc)
 libdir=$(dirname "$(dirname "$pc")")
 [ -n "$pc" ] || { echo "FAIL: no tarn.pc installed" >&2; exit 1; }
 
 step "headers: exactly the public ones"
 expected=$(sed "s|^$source_dir/include/||" "$build/public-headers.txt" | sort)
-installed=$(cd "$dest/usr/include" && find . -type f | sed 's|^\./||' | sort)
+installed=$(cd "$dest$prefix/include" && find . -type f | sed 's|^\./||' | sort)
 if [ "$expected" != "$installed" ]; then
   fail "installed headers differ from the public set"
   diff <(echo "$expected") <(echo "$installed") >&2 || true
 fi
-"$source_dir/tests/check_exports.sh" "$libdir/libtarn.so" $(find "$dest/usr/include" -name '*.h') ||
+"$source_dir/tests/check_exports.sh" "$libdir/libtarn.so" $(find "$dest$prefix/include" -name '*.h') ||
   fail "a declared function is not exported"
 
 step "pkg-config"
@@ -49,11 +51,11 @@ case " $cflags " in *" -std="*) fail "pkg-config Cflags force a language standar
 include=${cflags#-I}
 include=${include%% *}
 [ -f "$include/tarn/tarn.h" ] || fail "pkg-config include path has no tarn/tarn.h"
-grep -q "^prefix=/usr$" "$pc" || fail "tarn.pc does not name prefix /usr"
+grep -qx "prefix=$prefix" "$pc" || fail "tarn.pc does not name prefix $prefix"
 
 step "tarn-inspect and its manual page"
-"$dest/usr/bin/tarn-inspect" --help | head -1
-[ -f "$dest/usr/share/man/man1/tarn-inspect.1" ] || fail "no tarn-inspect.1"
+"$dest$prefix/bin/tarn-inspect" --help | head -1
+[ -f "$dest$prefix/share/man/man1/tarn-inspect.1" ] || fail "no tarn-inspect.1"
 
 examples=("$source_dir"/examples/*.cpp)
 run() {  # run PROGRAM: runs it against the installed library
@@ -65,8 +67,8 @@ run() {  # run PROGRAM: runs it against the installed library
   fi
 }
 
-step "CMake: find_package(Tarn) from CMAKE_PREFIX_PATH=\$DESTDIR/usr"
-if cmake -S "$source_dir/tests/consumer" -B "$scratch/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$dest/usr" \
+step "CMake: find_package(Tarn) from CMAKE_PREFIX_PATH=\$DESTDIR$prefix"
+if cmake -S "$source_dir/tests/consumer" -B "$scratch/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$dest$prefix" \
   -DEXAMPLES_DIR="$source_dir/examples" >"$scratch/cmake.log" 2>&1 &&
   cmake --build "$scratch/cmake" >>"$scratch/cmake.log" 2>&1; then
   for source in "${examples[@]}"; do run "$scratch/cmake/$(basename "${source%.cpp}")"; done
@@ -87,7 +89,7 @@ done
 step "plain compiler: g++ -std=c++17 -I -L -ltarn"
 for source in "${examples[@]}"; do
   out=$scratch/plain-$(basename "${source%.cpp}")
-  if g++ -std=c++17 -Wall -Wextra -Werror -I"$dest/usr/include" "$source" -o "$out" -L"$libdir" -ltarn; then
+  if g++ -std=c++17 -Wall -Wextra -Werror -I"$dest$prefix/include" "$source" -o "$out" -L"$libdir" -ltarn; then
     run "$out"
   else
     fail "$source did not build with the compiler alone"
