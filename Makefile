@@ -9,8 +9,10 @@ PRESET ?= default
 BASE_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev zlib1g-dev \
                  libgtest-dev libgmock-dev libbenchmark-dev universal-ctags
 CLANG_PACKAGES := clang libclang-rt-14-dev
-DOCS_PACKAGES := doxygen
-DEB_PACKAGES := debhelper dpkg-dev fakeroot lintian doxygen
+DOCS_PACKAGES := cmake doxygen
+# The Build-Depends of debian/control, and the tools that build and check.
+DEB_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev zlib1g-dev universal-ctags doxygen \
+                debhelper dpkg-dev fakeroot lintian
 # Targets add to this what they need beyond the base (make passes a target's
 # variables on to its prerequisites, so `deps` sees them).
 EXTRA_PACKAGES ?=
@@ -116,7 +118,7 @@ docs:
 # them; dpkg-buildpackage writes them next to the source tree, from where they
 # move to build/deb.
 deb:
-	$(call apt_install,$(BASE_PACKAGES) $(DEB_PACKAGES))
+	$(call apt_install,$(DEB_PACKAGES))
 	dpkg-buildpackage -us -uc -b
 	mkdir -p build/deb
 	version=$$(dpkg-parsechangelog -S Version); arch=$$(dpkg-architecture -qDEB_HOST_ARCH); \

@@ -58,12 +58,15 @@ step "tarn-inspect and its manual page"
 [ -f "$dest$prefix/share/man/man1/tarn-inspect.1" ] || fail "no tarn-inspect.1"
 
 examples=("$source_dir"/examples/*.cpp)
-run() {  # run PROGRAM: runs it against the installed library
-  if LD_LIBRARY_PATH=$libdir "$1" >"$1.out" 2>&1; then
+run() {  # run PROGRAM: runs it against the installed library, in a scratch folder
+  mkdir -p "$scratch/cwd"
+  local status=0
+  (cd "$scratch/cwd" && TMPDIR=$scratch/cwd LD_LIBRARY_PATH=$libdir "$1") >"$1.out" 2>&1 || status=$?
+  if [ "$status" -eq 0 ]; then
     echo "ran $(basename "$1"): ok"
   else
     cat "$1.out" >&2
-    fail "$1 exited with $?"
+    fail "$(basename "$1") exited with status $status"
   fi
 }
 
@@ -81,7 +84,7 @@ step "pkg-config: g++ \$(pkg-config --cflags --libs tarn)"
 for source in "${examples[@]}"; do
   out=$scratch/pc-$(basename "${source%.cpp}")
   # shellcheck disable=SC2086  # the flags are words
-  if g++ -std=c++17 -Wall -Wextra -Werror $cflags "$source" -o "$out" $libs; then run "$out"; else
+  if g++ -std=c++17 -Wall -Wextra $cflags "$source" -o "$out" $libs; then run "$out"; else
     fail "$source did not build with pkg-config"
   fi
 done
@@ -89,7 +92,7 @@ done
 step "plain compiler: g++ -std=c++17 -I -L -ltarn"
 for source in "${examples[@]}"; do
   out=$scratch/plain-$(basename "${source%.cpp}")
-  if g++ -std=c++17 -Wall -Wextra -Werror -I"$dest$prefix/include" "$source" -o "$out" -L"$libdir" -ltarn; then
+  if g++ -std=c++17 -Wall -Wextra -I"$dest$prefix/include" "$source" -o "$out" -L"$libdir" -ltarn; then
     run "$out"
   else
     fail "$source did not build with the compiler alone"
