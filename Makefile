@@ -1,17 +1,35 @@
 # Front door of the build. Every target that builds first makes sure the
-# Debian packages the project needs are installed.
+# Debian packages it needs are installed, and only those: the compiler, CMake,
+# liburing and zlib always (zlib for the demo's PNG); GoogleTest and Google
+# Benchmark because the default configuration builds the suites; Universal
+# Ctags for the check that every declared function is exported; clang only for
+# `make fuzz` and the clang-tsa preset; Doxygen only for `make docs`; the Debian
+# tools only for `make deb`.
 PRESET ?= default
-DEB_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev libgtest-dev libgmock-dev libbenchmark-dev \
-                clang libclang-rt-14-dev
+BASE_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev zlib1g-dev \
+                 libgtest-dev libgmock-dev libbenchmark-dev universal-ctags
+CLANG_PACKAGES := clang libclang-rt-14-dev
+DOCS_PACKAGES := cmake doxygen
+# The Build-Depends of debian/control, and the tools that build and check.
+DEB_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev zlib1g-dev universal-ctags doxygen \
+                debhelper dpkg-dev fakeroot lintian
+# Targets add to this what they need beyond the base (make passes a target's
+# variables on to its prerequisites, so `deps` sees them).
+EXTRA_PACKAGES ?=
+ifeq ($(PRESET),clang-tsa)
+EXTRA_PACKAGES += $(CLANG_PACKAGES)
+endif
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 
-.PHONY: deps build run test stress crashtest soak bench asan tsan fuzz clean
+.PHONY: deps configure build run test stress crashtest soak bench asan tsan fuzz docs deb consumer clean
 
-deps:
+# Installs whichever of the packages given are missing (apt, with sudo when
+# not root).
+define apt_install
 	@missing=""; \
-	for p in $(DEB_PACKAGES); do \
+	for p in $(1); do \
 	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
 	done; \
 	if [ -n "$$missing" ]; then \
@@ -19,12 +37,20 @@ deps:
 	  SUDO=""; [ "$$(id -u)" -ne 0 ] && SUDO=sudo; \
 	  $$SUDO apt-get update -qq && DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -qq $$missing; \
 	fi
+endef
 
-build: deps
+deps:
+	$(call apt_install,$(BASE_PACKAGES) $(EXTRA_PACKAGES))
+
+configure: deps
 	cmake --preset $(PRESET) $(CMAKE_ARGS)
+
+build: configure
 	cmake --build --preset $(PRESET) -j $(JOBS)
 
-run: build
+# Only the library and the demo; the picture lands in the current folder.
+run: configure
+	cmake --build --preset $(PRESET) -j $(JOBS) --target tarn-demo
 	./build/$(PRESET)/tools/tarn-demo/tarn-demo
 
 test: build
@@ -63,6 +89,7 @@ tsan:
 # The loader fuzzer, in a tree of its own where the whole library is built
 # with clang for coverage and the sanitizers. The corpus grows across runs;
 # a finding is written to $(FUZZ_DIR)/artifacts and fails the target.
+fuzz: EXTRA_PACKAGES += $(CLANG_PACKAGES)
 fuzz: deps
 	cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_CXX_COMPILER=clang++ \
 	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_FUZZ=ON -DTARN_BUILD_TESTS=OFF \
@@ -73,6 +100,34 @@ fuzz: deps
 	$(FUZZ_DIR)/fuzz/tarn_fuzz_seeds $(FUZZ_DIR)/seeds
 	$(FUZZ_DIR)/fuzz/tarn_fuzz_loader -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
 	  -artifact_prefix=$(FUZZ_DIR)/artifacts/ $(FUZZ_DIR)/corpus $(FUZZ_DIR)/seeds
+
+# The application built from the installed headers and library three ways
+# (CMake package, pkg-config, the compiler alone), against an install with
+# prefix /usr in a scratch DESTDIR; reuses the default build.
+consumer: build
+	tests/consumer/check.sh build/$(PRESET)
+
+# The API reference from the header comments, in build/docs/html.
+docs:
+	$(call apt_install,$(DOCS_PACKAGES))
+	mkdir -p build/docs
+	{ cat Doxyfile; echo "INPUT += $$(cmake -P cmake/TarnPublicHeaders.cmake | tr '\n' ' ')"; } | doxygen -
+	@echo "API reference: build/docs/html/index.html"
+
+# Debian packages libtarn0, libtarn-dev and tarn-tools, then lintian over
+# them; dpkg-buildpackage writes them next to the source tree, from where they
+# move to build/deb.
+deb:
+	$(call apt_install,$(DEB_PACKAGES))
+	dpkg-buildpackage -us -uc -b
+	mkdir -p build/deb
+	version=$$(dpkg-parsechangelog -S Version); arch=$$(dpkg-architecture -qDEB_HOST_ARCH); \
+	for f in tarn_$${version}_$${arch}.buildinfo tarn_$${version}_$${arch}.changes \
+	    libtarn0 libtarn0-dbgsym libtarn-dev tarn-tools tarn-tools-dbgsym; do \
+	  case $$f in *_*) ;; *) f=$${f}_$${version}_$${arch}.deb ;; esac; \
+	  if [ -e ../$$f ]; then mv ../$$f build/deb/; fi; \
+	done; \
+	lintian --fail-on error,warning build/deb/tarn_$${version}_$${arch}.changes
 
 clean:
 	rm -rf build

@@ -1,9 +1,28 @@
 #!/usr/bin/env bash
-# Fails when libtarn.so exports a symbol outside the namespaces Tarn and Pt,
-# or exports none of the API at all. Internal classes must stay hidden.
+# What libtarn.so exports, against what it must and must not.
+#
+# usage: check_exports.sh LIBRARY [HEADER...]
+#
+# Always: the library exports the API, nothing outside the namespaces Tarn and
+# Pt, and no internal class (those must stay hidden).
+#
+# With headers (the installed ones): every function they declare without
+# defining is exported, or an application that calls it fails to link. The
+# declarations come from Universal Ctags (prototypes with their scope and
+# properties). Deleted, defaulted and pure virtual functions, functions defined
+# in a header and members of class templates need no symbol. For every other
+# qualified name, the library must export at least as many distinct overloads
+# as the headers declare; the names are compared against `nm -D --demangle`.
 set -euo pipefail
-lib="$1"
-symbols=$(nm -D --defined-only -C "$lib" | awk '{ $1=""; $2=""; sub(/^  /, ""); print }')
+
+if [ $# -lt 1 ]; then
+  echo "usage: $0 LIBRARY [HEADER...]" >&2
+  exit 2
+fi
+library=$1
+shift
+
+symbols=$(nm -D --defined-only -C "$library" | awk '{ $1=""; $2=""; sub(/^  /, ""); print }')
 for api in Tarn::CreateCacheFile Tarn::CompactCacheFile Tarn::Cache::clear; do
   if ! grep -q "^$api" <<<"$symbols"; then
     echo "libtarn.so does not export $api"; exit 1
@@ -19,4 +38,78 @@ internal=$(grep -E '^(Tarn::(FileManager|CacheManager|WorkManager|detail)|Pt::(U
 if [ -n "$internal" ]; then
   echo "libtarn.so exports internal classes:"; echo "$internal"; exit 1
 fi
-echo "1 passed, 0 failed"
+if [ $# -eq 0 ]; then
+  echo "1 passed, 0 failed"
+  exit 0
+fi
+
+for tool in ctags nm; do
+  command -v "$tool" >/dev/null || { echo "$0: $tool is missing (universal-ctags, binutils)" >&2; exit 2; }
+done
+ctags --version | grep -q 'Universal Ctags' || { echo "$0: needs Universal Ctags" >&2; exit 2; }
+
+# One line per tag: kind, qualified name, signature, properties, template.
+tags() {
+  ctags -o - --language-force=c++ --kinds-c++=+p --fields=+KZS \
+    --fields-c++=+{properties}{template} --extras=-F "$@" |
+    awk -F'\t' '{
+      kind = ""; scope = ""; signature = ""; properties = ""; template = ""
+      for (i = 4; i <= NF; i++) {
+        if ($i !~ /:/) kind = $i
+        else if ($i ~ /^scope:/) { scope = $i; sub(/^scope:[^:]*:/, "", scope) }
+        else if ($i ~ /^signature:/) { signature = substr($i, 11); gsub(/ /, "", signature) }
+        else if ($i ~ /^properties:/) properties = substr($i, 12)
+        else if ($i ~ /^template:/) template = "yes"
+      }
+      name = $1; gsub(/ /, "", name)
+      print kind "\t" (scope == "" ? name : scope "::" name) "\t" signature "\t" properties "\t" template
+    }'
+}
+
+declared=$(mktemp)
+exported=$(mktemp)
+trap 'rm -f "$declared" "$exported"' EXIT
+
+# The qualified names and signatures that need a symbol.
+tags "$@" | awk -F'\t' '
+  { rows[NR] = $0 }
+  ($1 == "class" || $1 == "struct") && $5 == "yes" { templated[$2] = 1 }
+  $1 == "function" { defined[$2 "\t" $3] = 1 }
+  END {
+    for (r = 1; r <= NR; r++) {
+      split(rows[r], f, "\t")
+      if (f[1] != "prototype" || f[5] == "yes") continue
+      if (f[4] ~ /(^|,)(delete|default|pure)(,|$)/) continue
+      if ((f[2] "\t" f[3]) in defined) continue
+      scope = f[2]; sub(/::[^:]*$/, "", scope)
+      if (scope in templated) continue
+      print f[2] "\t" f[3]
+    }
+  }' | sort -u >"$declared"
+
+# The exported functions as "qualified-name(parameters)".
+nm -D --defined-only --demangle "$library" | awk '$2 ~ /^[TtWiu]$/ { $1 = ""; $2 = ""; line = $0; gsub(/ /, "", line); print line }' |
+  sort -u >"$exported"
+
+count=$(wc -l <"$declared")
+if [ "$count" -eq 0 ]; then
+  echo "$0: no declarations found in $*" >&2
+  exit 1
+fi
+
+missing=0
+while IFS= read -r name; do
+  wanted=$(awk -F'\t' -v n="$name" '$1 == n' "$declared" | wc -l)
+  have=$(awk -v n="$name(" 'index($0, n) == 1' "$exported" | wc -l)
+  if [ "$have" -lt "$wanted" ]; then
+    echo "not exported: $name (declared $wanted overload(s), libtarn.so exports $have)"
+    awk -F'\t' -v n="$name" '$1 == n { print "    declared " $1 $2 }' "$declared"
+    missing=$((missing + 1))
+  fi
+done < <(cut -f1 "$declared" | sort -u)
+
+if [ "$missing" -ne 0 ]; then
+  echo "$missing declared name(s) have no symbol in $library"
+  exit 1
+fi
+echo "all $count functions declared in $# headers are exported by $(basename "$library")"

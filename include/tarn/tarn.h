@@ -13,3 +13,4 @@
 #include "tarn/Export.h"
 #include "tarn/Serialize.h"
 #include "tarn/Statistics.h"
+#include "tarn/Version.h"

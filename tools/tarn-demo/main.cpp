@@ -13,7 +13,7 @@
 // Usage: tarn-demo [cache-file]
 // Without an argument the cache file lives in a new folder under the temporary
 // directory and is removed at the end; a given file is replaced at the start
-// and kept. The picture is written as a PPM file next to the cache file.
+// and kept. The picture is written as mandelbrot.png in the current folder.
 #include <stdlib.h>
 #include <time.h>
 
@@ -25,7 +25,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -35,6 +34,7 @@
 #include <thread>
 #include <vector>
 
+#include "Png.h"
 #include "tarn/tarn.h"
 
 namespace {
@@ -270,6 +270,7 @@ struct Phase {
   double computeMs = 0;     // CPU time the factory spent computing tiles
   int created = 0;          // tiles the factory computed
   int decoded = 0;          // tiles the factory rebuilt from the file's bytes
+  int stored = 0;           // entries the phase added to the cache file
   Tarn::Statistics counts;  // counters of this phase; file figures at its end
   std::vector<uint8_t> picture;
 };
@@ -314,6 +315,10 @@ void RunPhase(Tarn::Cache& cache, const TileFactory& factory, Phase& phase) {
   phase.commitMs = Milliseconds(arrived, Clock::now());
   cache.statistics(after);
   phase.counts = CountersSince(before, after);
+  // The demo never erases, so new entries are the growth of the file's count.
+  // (The cache's own `inserted` counter also counts objects read back from the
+  // file into memory, which stores nothing new.)
+  phase.stored = after.fileEntries - before.fileEntries;
   phase.created = factory.created() - created;
   phase.decoded = factory.decoded() - decoded;
   phase.computeMs = static_cast<double>(factory.computeNanoseconds() - computed) / 1e6;
@@ -388,28 +393,33 @@ void PrintPhases(const std::vector<Phase>& phases) {
       MakeRow("commit", phases, [](const Phase& p) { return Ms(p.commitMs); }),
       MakeRow("tiles computed by the factory", phases, count([](auto& p) { return p.created; })),
       MakeRow("CPU time computing them", phases, [](const Phase& p) { return Ms(p.computeMs); }),
-      MakeRow("tiles decoded by the factory", phases, count([](auto& p) { return p.decoded; })),
-      MakeRow("generated", phases, count([](auto& p) { return p.counts.generated; })),
-      MakeRow("file reads", phases, count([](auto& p) { return p.counts.fileReads; })),
-      MakeRow("memory hits", phases, count([](auto& p) { return p.counts.memoryHits; })),
-      MakeRow("inserted", phases, count([](auto& p) { return p.counts.inserted; })),
+      MakeRow("tiles read from the file", phases, count([](auto& p) { return p.decoded; })),
+      MakeRow("tiles found in memory", phases, count([](auto& p) { return p.counts.memoryHits; })),
+      MakeRow("new entries stored", phases, count([](auto& p) { return p.stored; })),
       MakeRow("entries in file", phases, count([](auto& p) { return p.counts.fileEntries; })),
       MakeRow("file size (bytes)", phases, count([](auto& p) { return p.counts.fileSize; })),
   });
   std::printf("  (counts are those of the phase; file entries and size at its end)\n");
 }
 
-void WritePpm(const fs::path& file, const std::vector<uint8_t>& pixels) {
-  std::ofstream out(file, std::ios::binary | std::ios::trunc);
-  out << "P6\n" << kWidth << ' ' << kHeight << "\n255\n";
-  out.write(reinterpret_cast<const char*>(pixels.data()),
-            static_cast<std::streamsize>(pixels.size()));
-  if (!out.flush()) throw std::runtime_error("cannot write " + file.string());
+// Whether the cache's counters agree with what the factory saw: a generate
+// request for every tile computed, a file read for every tile decoded.
+bool CountersAgree(const Phase& phase) {
+  const bool agree =
+      phase.counts.generated == phase.created && phase.counts.fileReads == phase.decoded;
+  if (!agree) {
+    std::printf(
+        "%s phase: the cache counted %d generated and %d file reads, the factory %d and %d\n",
+        phase.name.c_str(), phase.counts.generated, phase.counts.fileReads, phase.created,
+        phase.decoded);
+  }
+  return agree;
 }
 
-// Whether the later phases computed nothing and drew the cold phase's picture.
+// Whether the later phases computed nothing and drew the cold phase's picture,
+// and every phase's counters agree with the factory.
 bool Verify(const std::vector<Phase>& phases) {
-  bool good = true;
+  bool good = CountersAgree(phases[0]);
   for (size_t i = 1; i < phases.size(); ++i) {
     const Phase& phase = phases[i];
     const bool same = phase.picture == phases[0].picture;
@@ -419,7 +429,7 @@ bool Verify(const std::vector<Phase>& phases) {
       std::printf("%s phase: %d tiles computed again, expected none\n", phase.name.c_str(),
                   phase.created);
     }
-    good = good && same && phase.created == 0;
+    good = CountersAgree(phase) && good && same && phase.created == 0;
   }
   return good;
 }
@@ -428,7 +438,7 @@ bool Verify(const std::vector<Phase>& phases) {
 
 struct Workspace {
   fs::path cacheFile;
-  fs::path picture;
+  fs::path picture = fs::absolute("mandelbrot.png");
   bool scratch = false;
 };
 
@@ -436,8 +446,6 @@ std::optional<Workspace> MakeWorkspace(int argc, char** argv) {
   Workspace space;
   if (argc == 2) {
     space.cacheFile = argv[1];
-    space.picture = fs::path(argv[1]).replace_extension(".ppm");
-    if (space.picture == space.cacheFile) space.picture += ".ppm";
     return space;
   }
   std::string folder = (fs::temp_directory_path() / "tarn-demo-XXXXXX").string();
@@ -446,12 +454,12 @@ std::optional<Workspace> MakeWorkspace(int argc, char** argv) {
     return {};
   }
   space.cacheFile = fs::path(folder) / "tiles.tarn";
-  space.picture = fs::path(folder) / "mandelbrot.ppm";
   space.scratch = true;
   return space;
 }
 
-int RunDemo(const Workspace& space) {
+// Sets `pictureWritten` once the picture is in its file.
+int RunDemo(const Workspace& space, bool& pictureWritten) {
   std::printf("Mandelbrot set, %dx%d pixels in %d tiles of %dx%d, up to %d iterations a pixel\n",
               kWidth, kHeight, kTiles, kTileSize, kTileSize, kMaxIterations);
   std::printf("cache file: %s (%u processors)\n\n", space.cacheFile.c_str(),
@@ -463,9 +471,10 @@ int RunDemo(const Workspace& space) {
   const std::vector<Phase> phases = RunPhases(space.cacheFile);
   PrintPhases(phases);
   std::printf("\n");
-  WritePpm(space.picture, phases[0].picture);
-  std::printf("picture: %s\n", space.picture.c_str());
-  return Verify(phases) ? 0 : 1;
+  const bool good = Verify(phases);
+  TarnDemo::WritePng(space.picture, kWidth, kHeight, phases[0].picture);
+  pictureWritten = true;
+  return good ? 0 : 1;
 }
 
 }  // namespace
@@ -478,8 +487,9 @@ int main(int argc, char** argv) {
   const std::optional<Workspace> space = MakeWorkspace(argc, argv);
   if (!space) return 1;
   int status = 1;
+  bool pictureWritten = false;
   try {
-    status = RunDemo(*space);
+    status = RunDemo(*space, pictureWritten);
   } catch (const Pt::Exception& error) {
     std::fflush(stdout);
     std::fprintf(stderr, "tarn-demo: %s\n", Describe(error).c_str());
@@ -489,8 +499,9 @@ int main(int argc, char** argv) {
   }
   if (space->scratch) {
     std::error_code ignored;
-    fs::remove(space->cacheFile, ignored);
+    fs::remove_all(space->cacheFile.parent_path(), ignored);
     std::printf("removed the cache file\n");
   }
+  if (pictureWritten) std::printf("picture: %s\n", space->picture.c_str());
   return status;
 }

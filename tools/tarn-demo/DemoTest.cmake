@@ -1,0 +1,28 @@
+# Runs tarn-demo in an empty folder DIR; it must exit 0, say where the picture
+# is, and leave a PNG there whose chunks are whole (IHDR first, IEND last).
+file(REMOVE_RECURSE ${DIR})
+file(MAKE_DIRECTORY ${DIR})
+execute_process(COMMAND ${DEMO} WORKING_DIRECTORY ${DIR}
+  RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE errors)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "tarn-demo exited with ${status}\n${output}${errors}")
+endif()
+set(picture ${DIR}/mandelbrot.png)
+if(NOT output MATCHES "picture: ${picture}\n$")
+  message(FATAL_ERROR "tarn-demo does not name ${picture} at the end:\n${output}")
+endif()
+file(READ ${picture} signature LIMIT 16 HEX)
+# The signature, then IHDR's length (13) and type.
+if(NOT signature STREQUAL "89504e470d0a1a0a0000000d49484452")
+  message(FATAL_ERROR "${picture} does not start as a PNG: ${signature}")
+endif()
+file(SIZE ${picture} size)
+math(EXPR endAt "${size} - 12")
+file(READ ${picture} trailer OFFSET ${endAt} HEX)
+if(NOT trailer STREQUAL "0000000049454e44ae426082")
+  message(FATAL_ERROR "${picture} does not end with IEND: ${trailer}")
+endif()
+file(GLOB left ${DIR}/*)
+if(NOT left STREQUAL picture)
+  message(FATAL_ERROR "tarn-demo left more than the picture: ${left}")
+endif()
