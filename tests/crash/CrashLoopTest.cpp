@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/ZeroedConfig.h"
 #include "crash/CrashModel.h"
 #include "crash/CrashWriter.h"
 #include "support/RecordingReceiver.h"
@@ -58,7 +59,7 @@ using Baseline = std::map<int, int64_t>;
 class CrashLoop : public testing::Test {
  protected:
   std::unique_ptr<Tarn::Cache> openCache() {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.memoryTarget = 1 << 20;
     config.workerThreads = 1;
     config.createIfMissing = true;

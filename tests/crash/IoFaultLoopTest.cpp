@@ -40,6 +40,7 @@
 #include <tuple>
 #include <vector>
 
+#include "support/ZeroedConfig.h"
 #include "crash/CrashModel.h"
 #include "platform/IoFaultInjection.h"
 #include "pt/Platform.h"
@@ -306,7 +307,7 @@ class IoFaultLoop : public testing::TestWithParam<EngineAndRequest> {
   }
 
   std::unique_ptr<Tarn::Cache> open(bool create, int32_t minAllocation) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.memoryTarget = 1 << 30;
     config.workerThreads = 2;
     config.minAllocation = minAllocation;

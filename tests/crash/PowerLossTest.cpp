@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "support/ZeroedConfig.h"
 #include "crash/CrashModel.h"
 #include "crash/CrashWriter.h"
 #include "platform/IoTrace.h"
@@ -65,7 +66,7 @@ struct Figures {
 class PowerLoss : public testing::TestWithParam<bool> {
  protected:
   std::unique_ptr<Tarn::Cache> open(bool create) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.memoryTarget = 1 << 20;
     config.workerThreads = 1;
     config.createIfMissing = create;

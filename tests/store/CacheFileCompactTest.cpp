@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ZeroedConfig.h"
 #include "core/RaiseSites.h"
 #include "platform/IoFaultInjection.h"
 #include "store/FileFormat.h"
@@ -29,7 +30,7 @@ class CacheFileCompactTest : public testing::Test {
   void TearDown() override { IoFaultInjection::Clear(); }
 
   std::unique_ptr<Tarn::Cache> open(const std::string& name) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.createIfMissing = true;
     return std::make_unique<Tarn::Cache>(
         dir.wfile(name).c_str(), config,

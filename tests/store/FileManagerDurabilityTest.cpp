@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ZeroedConfig.h"
 #include "platform/IoFaultInjection.h"
 #include "platform/IoTrace.h"
 #include "pt/Platform.h"
@@ -55,7 +56,7 @@ class FileManagerDurabilityTest : public testing::TestWithParam<bool> {
   }
   bool relaxed() const { return GetParam(); }
   std::unique_ptr<FileManager> open(int32_t budget = 0) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.createIfMissing = true;
     config.fileBudget = budget;
     config.relaxedOrdering = relaxed();

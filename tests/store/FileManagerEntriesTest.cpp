@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ZeroedConfig.h"
 #include "platform/IoFaultInjection.h"
 #include "pt/Platform.h"
 #include "store/FileManager.h"
@@ -34,7 +35,7 @@ class FileManagerEntriesTest : public testing::Test {
     Pt::PlatformUninit();
   }
   std::unique_ptr<Tarn::FileManager> open() {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.createIfMissing = true;
     return std::make_unique<Tarn::FileManager>(dir_.wfile("c.tarn").c_str(), nullptr, config,
                                                TarnTest::FactoriesFor({"tile"}));

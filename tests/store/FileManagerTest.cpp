@@ -1,5 +1,6 @@
 // The file store: open and type registration, one owner per file, the index,
 // and the allocation of slots and data space, checked against the file's bytes.
+#include "support/ZeroedConfig.h"
 #include "store/FileManager.h"
 
 #include <fcntl.h>
@@ -34,7 +35,7 @@ class FileManagerTest : public testing::Test {
 
   std::unique_ptr<Tarn::FileManager> open(const std::vector<std::string>& types,
                                           bool create = true) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.createIfMissing = create;
     return std::make_unique<Tarn::FileManager>(wpath_.c_str(), nullptr, config,
                                                TarnTest::FactoriesFor(types));

@@ -27,6 +27,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ZeroedConfig.h"
 #include "manager/CacheManager.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
@@ -338,7 +339,7 @@ void Worker::checkInvariants() {
 }
 
 Tarn::Config StressConfig() {
-  Tarn::Config config{};
+  Tarn::Config config = Tarn::ZeroedConfig();
   config.memoryTarget = kTarget;
   config.memorySlack = kSlack;
   config.workerThreads = 3;

@@ -1,3 +1,4 @@
+#include "support/ZeroedConfig.h"
 #include "support/CacheFixture.h"
 
 #include <vector>
@@ -13,7 +14,7 @@ void CacheFixture::TearDown() {
 }
 
 Tarn::Config CacheFixture::DefaultConfig() {
-  Tarn::Config config{};
+  Tarn::Config config = Tarn::ZeroedConfig();
   config.memoryTarget = 1 << 30;
   config.memorySlack = 0;
   config.workerThreads = 2;

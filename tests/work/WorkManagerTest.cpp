@@ -1,3 +1,4 @@
+#include "support/ZeroedConfig.h"
 #include "work/WorkManager.h"
 
 #include <gtest/gtest.h>
@@ -66,7 +67,7 @@ class Request : public WorkRequest {
 };
 
 void Start(int32_t workers) {
-  Config config{};
+  Config config = ZeroedConfig();
   config.workerThreads = workers;
   WorkManager::start(config);
 }
