@@ -21,7 +21,8 @@ std::atomic<int32_t> instanceCounter{0};
 CacheManager::PlatformUser::PlatformUser(const Config& config) {
   Pt::Config platform;
   platform.asyncFileIo = true;
-  platform.ioEngine = PlatformIoEngine(EffectiveIoEngine(config.ioEngine, std::getenv(kIoEngineVariable)));
+  platform.ioEngine =
+      PlatformIoEngine(EffectiveIoEngine(config.ioEngine, std::getenv(kIoEngineVariable)));
   Pt::PlatformInit(platform);
 }
 

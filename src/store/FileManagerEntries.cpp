@@ -91,10 +91,9 @@ void FileManager::entryDataWritten(const PrimaryKey& primaryKey, uint32_t serial
   groupSync_->afterDurable([this, primaryKey, serial, operation](int error) {
     if (error != 0) {
       failEntryWrite(primaryKey, serial);
-      Pt::Exception::Post(
-          WithSubject(ExFileWriteEntry(kWriteEntryFailed.where,
-                                       Pt::ExSystem(error, kWriteEntrySync.where)),
-                      KeySubject(primaryKey)));
+      Pt::Exception::Post(WithSubject(
+          ExFileWriteEntry(kWriteEntryFailed.where, Pt::ExSystem(error, kWriteEntrySync.where)),
+          KeySubject(primaryKey)));
       return;
     }
     Pt::MutexLock guard(lock_);
@@ -271,10 +270,9 @@ void FileManager::deleteWritten(const FileDeleteEntryReceiver::Target& target,
   groupSync_->afterDurable([this, target, operation](int error) {
     if (error != 0) {
       failDelete(target);
-      Pt::Exception::Post(
-          WithSubject(ExFileReadEntry(kDeleteHeaderFailed.where,
-                                      Pt::ExSystem(error, kDeleteSync.where)),
-                      KeySubject(target.primaryKey)));
+      Pt::Exception::Post(WithSubject(
+          ExFileReadEntry(kDeleteHeaderFailed.where, Pt::ExSystem(error, kDeleteSync.where)),
+          KeySubject(target.primaryKey)));
       return;
     }
     Pt::MutexLock guard(lock_);

@@ -25,12 +25,12 @@
 #include <thread>
 #include <vector>
 
-#include "support/ZeroedConfig.h"
 #include "crash/CrashModel.h"
 #include "crash/CrashWriter.h"
 #include "support/RecordingReceiver.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 extern char** environ;

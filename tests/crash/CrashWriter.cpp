@@ -1,5 +1,5 @@
-#include "support/ZeroedConfig.h"
 #include "crash/CrashWriter.h"
+#include "support/ZeroedConfig.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -40,7 +40,6 @@
 #include <tuple>
 #include <vector>
 
-#include "support/ZeroedConfig.h"
 #include "crash/CrashModel.h"
 #include "platform/IoFaultInjection.h"
 #include "pt/Platform.h"
@@ -50,6 +49,7 @@
 #include "support/RecordingReceiver.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace TarnCrash {

@@ -22,13 +22,13 @@
 #include <string>
 #include <vector>
 
-#include "support/ZeroedConfig.h"
 #include "crash/CrashModel.h"
 #include "crash/CrashWriter.h"
 #include "platform/IoTrace.h"
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace TarnCrash {

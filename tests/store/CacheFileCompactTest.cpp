@@ -9,13 +9,13 @@
 
 #include <gtest/gtest.h>
 
-#include "support/ZeroedConfig.h"
 #include "core/RaiseSites.h"
 #include "platform/IoFaultInjection.h"
 #include "store/FileFormat.h"
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace {

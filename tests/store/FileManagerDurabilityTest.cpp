@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "support/ZeroedConfig.h"
 #include "platform/IoFaultInjection.h"
 #include "platform/IoTrace.h"
 #include "pt/Platform.h"
@@ -20,6 +19,7 @@
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 
 namespace {
 

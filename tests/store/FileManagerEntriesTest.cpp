@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "support/ZeroedConfig.h"
 #include "platform/IoFaultInjection.h"
 #include "pt/Platform.h"
 #include "store/FileManager.h"
@@ -12,6 +11,7 @@
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/Exceptions.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The file store: open and type registration, one owner per file, the index,
 // and the allocation of slots and data space, checked against the file's bytes.
-#include "support/ZeroedConfig.h"
 #include "store/FileManager.h"
+#include "support/ZeroedConfig.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "support/ZeroedConfig.h"
 #include "core/RaiseSites.h"
 #include "platform/IoFaultInjection.h"
 #include "platform/SyncFile.h"
@@ -18,6 +17,7 @@
 #include "support/RecordingReceiver.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace {

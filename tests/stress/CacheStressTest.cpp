@@ -27,10 +27,10 @@
 
 #include <gtest/gtest.h>
 
-#include "support/ZeroedConfig.h"
 #include "manager/CacheManager.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace Tarn {

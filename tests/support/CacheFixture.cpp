@@ -1,5 +1,5 @@
-#include "support/ZeroedConfig.h"
 #include "support/CacheFixture.h"
+#include "support/ZeroedConfig.h"
 
 #include <vector>
 
