@@ -75,12 +75,13 @@ int RaiseLine(Action&& action) {
 
 // ---- open and type registration ------------------------------------------
 
-// A missing file is created only when asked, never with a type name over 44
-// bytes; a reopen registers only new types, and a reopen whose factories miss
+// A missing file is created only when asked, never with a type name that is
+// empty or over 44 bytes; a reopen registers only new types, and a reopen whose factories miss
 // a registered type or serve one twice is refused with the file unchanged.
 TEST_F(FileManagerTest, CreationAndTypeRegistrationAcrossReopens) {
   EXPECT_EQ(RaiseLine<Pt::ExSystem>([&] { open({"tile"}, false); }), 279);
-  EXPECT_EQ(RaiseLine<Pt::ExSystem>([&] { open({"tile", std::string(45, 'x')}); }), 205);
+  EXPECT_EQ(RaiseLine<Tarn::ExInvalidTypeName>([&] { open({"tile", std::string(45, 'x')}); }), 205);
+  EXPECT_EQ(RaiseLine<Tarn::ExInvalidTypeName>([&] { open({"tile", ""}); }), 205);
   EXPECT_NE(access(path_.c_str(), F_OK), 0);
   {
     auto store = open({"tile", "doc"});
