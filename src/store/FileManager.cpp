@@ -68,10 +68,10 @@ FileManager::FileManager(const wchar_t* path, CacheManager* owner, const Config&
   // Refused before anything is written: the type table could not hold it.
   CheckTypeNames(*factories_);
   // Every failure from here on names the file and the step that failed.
-  const char* step = "create cache file";
+  // A new file names itself in its failures.
+  if (!Pt::FileExists(narrow) && config.createIfMissing) CreateCacheFile(path);
+  const char* step = "open and lock cache file";
   try {
-    if (!Pt::FileExists(narrow) && config.createIfMissing) CreateCacheFile(path);
-    step = "open and lock cache file";
     fileLock_.acquire(narrow);
     step = "read cache file";
     load(fileLock_.file());

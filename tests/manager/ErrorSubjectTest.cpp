@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 
 #include "core/Subject.h"
+#include "platform/IoFaultInjection.h"
 #include "support/CacheFixture.h"
+#include "support/PostedExceptions.h"
 #include "tarn/tarn.h"
 
 namespace TarnTest {
@@ -41,6 +43,17 @@ TEST_F(ErrorSubjectTest, FileErrorsNameThePathAndTheStep) {
   const std::string locked = WhatOf<Pt::ExSystem>([&] { Tarn::Cache c(held, config, factory_); });
   EXPECT_EQ(locked, "Resource temporarily unavailable (open and lock cache file \"" + held + "\")");
 
+  const std::string noFolder = dir_.file("none/a.tarn");
+  EXPECT_EQ(WhatOf<Pt::ExSystem>([&] { Tarn::Cache c(noFolder, Tarn::Config{}, factory_); }),
+            "No such file or directory (create cache file \"" + noFolder + "\")");
+  EXPECT_EQ(WhatOf<Pt::ExSystem>([&] { Tarn::DestroyCacheFile(dir_.wfile("gone").c_str()); }),
+            "No such file or directory (remove cache file \"" + dir_.file("gone") + "\")");
+  EXPECT_EQ(WhatOf<Pt::ExSystem>([&] {
+              Tarn::CompactCacheFile(dir_.wfile("gone").c_str(), dir_.wfile("to").c_str());
+            }),
+            "No such file or directory (compact cache file \"" + dir_.file("gone") + "\" into \"" +
+                dir_.file("to") + "\")");
+
   const std::string notUtf8 =
       WhatOf<Pt::ExSystem>([&] { Tarn::Cache c(std::string("bad\xff.tarn"), config, factory_); });
   EXPECT_TRUE(StartsWith(notUtf8, "Invalid or incomplete multibyte or wide character (decode"))
@@ -69,6 +82,34 @@ TEST_F(ErrorSubjectTest, TypeNamesAreNamedAndBadOnesRefused) {
   EXPECT_NO_THROW(Tarn::Cache(
       dir_.file("types.tarn"), Tarn::Config{},
       Pt::SmartPointer<Tarn::CacheableFactory>(new NamedFactory(std::string(44, 'n')))));
+}
+
+// A failed read reaches the future with the key; a failed write is posted
+// with it (binary keys in hex).
+TEST_F(ErrorSubjectTest, ReadAndWriteFailuresNameTheKey) {
+  using Pt::IoFaultInjection;
+  open();
+  insert("z3/x5/y7", 100);
+  cache_->commit();
+  cache_->purge(Key("z3/x5/y7"));  // from now on only the file holds it
+  IoFaultInjection::Add({.action = IoFaultInjection::Action::Fail,
+                         .kind = IoFaultInjection::Kind::Read,
+                         .error = EIO});
+  const std::string read =
+      WhatOf<Tarn::ExFileReadEntry>([&] { cache_->findFuture(Key("z3/x5/y7")).get(); });
+  EXPECT_EQ(read, "Asynchronous File Entry Read I//O Operation Failed! (key \"z3/x5/y7\")");
+
+  PostedExceptions posted;
+  IoFaultInjection::Add({.action = IoFaultInjection::Action::Fail,
+                         .kind = IoFaultInjection::Kind::Write,
+                         .error = ENOSPC});
+  Tarn::PrimaryKey binary = Key("k");
+  binary.data[0] = 0x01;
+  cache_->insert(binary, Secondary("s"), Object(10));
+  cache_->commit();
+  ASSERT_TRUE(posted.waitFor(1));
+  EXPECT_EQ(std::string(posted.at(0)->what()),
+            "Asynchronous File Entry Write I//O Operation Failed! (key 0x01)");
 }
 
 TEST(SubjectTest, KeysArePrintableOrHex) {
