@@ -34,16 +34,19 @@
 // the path and operation of a file error, the type, or the key. The
 // constructors throw std::invalid_argument for a negative size in Config or
 // an unknown TARN_IO_ENGINE value, Tarn::ExInvalidTypeName for a factory
-// whose type name is empty or longer than 44 bytes, Tarn::ExUnsupportedFileVersion (a file whose
-// header, type table or extent chain is damaged; damage confined to entries
-// drops those entries only, see droppedEntries()),
+// whose type name is empty or longer than 44 bytes, Pt::ExSystem(EILSEQ) for
+// a std::filesystem::path that is not UTF-8, Tarn::ExUnsupportedFileVersion
+// (a file whose header, type table or extent chain is damaged; damage
+// confined to entries drops those entries only, see droppedEntries()),
 // Tarn::ExFactoryClassNotFound (the file knows a type no factory serves, or
 // two factories serve one type), or Pt::ExSystem (the file cannot be opened,
-// created or locked). Keys with a length outside
-// 0..capacity and null receivers are refused with std::invalid_argument.
+// created or locked). Keys with a length outside 0..capacity and null
+// receivers are refused with std::invalid_argument.
 // insert, find and findCreate throw a Pt::Exception, changing nothing, when
 // all 65,536 slots of the memory index hold requests in progress and no
-// object can be evicted to make room.
+// object can be evicted to make room. The callable and future forms throw
+// at the call what the receiver forms throw; afterwards they report only
+// through the callable or the future.
 #pragma once
 
 #include <filesystem>
@@ -118,7 +121,7 @@ class TARN_EXPORT Cache {
   // exception passes on to the caller. Throws ExFactoryClassNotFound when no
   // factory serves its type.
   void insert(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
-              Cacheable* cacheable);
+              Cacheable* cacheable);  // adopts a raw `cacheable` (see Ownership)
   void insert(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
               const Pt::SmartPointer<Cacheable>& cacheable);
   // Looks the key up in memory, among requests in progress, then in the file.
