@@ -1,5 +1,4 @@
 #include "crash/CrashWriter.h"
-#include "support/ZeroedConfig.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 
 #include "crash/CrashModel.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace TarnCrash {

@@ -1,7 +1,6 @@
 // The file store: open and type registration, one owner per file, the index,
 // and the allocation of slots and data space, checked against the file's bytes.
 #include "store/FileManager.h"
-#include "support/ZeroedConfig.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -17,6 +16,7 @@
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/CacheFile.h"
 #include "tarn/Exceptions.h"
 

@@ -1,9 +1,9 @@
 #include "support/CacheFixture.h"
-#include "support/ZeroedConfig.h"
 
 #include <vector>
 
 #include "platform/IoFaultInjection.h"
+#include "support/ZeroedConfig.h"
 
 namespace TarnTest {
 

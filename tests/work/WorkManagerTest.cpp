@@ -1,4 +1,3 @@
-#include "support/ZeroedConfig.h"
 #include "work/WorkManager.h"
 
 #include <gtest/gtest.h>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "core/RaiseSites.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/Exceptions.h"
 
 namespace Tarn {
