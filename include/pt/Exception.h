@@ -8,6 +8,10 @@
 // ExSystem is a failed system call: it carries the errno value and the
 // system's text for it.
 //
+// The subject of a failure (the path and operation of a file error, the type
+// or key concerned) is added as context: what() is the fixed message followed
+// by " (" context ")", so the fixed text always stays the first part.
+//
 // Exception::Post reports an exception from a thread on which nobody can catch
 // it. It clones the exception and hands the clone to the process-wide post
 // handler, on the posting thread, then deletes the clone. The default handler
@@ -57,6 +61,12 @@ class PT_EXPORT Exception : public std::exception {
   int flags() const noexcept { return flags_; }
   // The exception that caused this one, or null. Owned by this object.
   const Exception* nested() const noexcept { return nested_.get(); }
+  // What the failure concerned (UTF-8), e.g. `open "/var/cache/a.tarn"`;
+  // empty when nothing was added. Several additions are joined by "; ".
+  const std::string& context() const noexcept { return context_; }
+  // Adds `utf8` to context() and to what(); message() stays the fixed text.
+  // Throws std::bad_alloc only.
+  void addContext(const std::string& utf8);
 
   // Receives posted exceptions. Called on the posting thread; the exception is
   // valid only during the call.
@@ -70,7 +80,8 @@ class PT_EXPORT Exception : public std::exception {
 
  private:
   std::wstring message_;
-  std::string utf8_;  // what(): the message as UTF-8, made once at construction
+  std::string utf8_;  // what(): the message as UTF-8, then the context
+  std::string context_;
   ExWhere where_;
   int flags_ = 1;
   std::unique_ptr<Exception> nested_;

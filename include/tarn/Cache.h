@@ -9,9 +9,20 @@
 // CacheableReceiver (see CacheableReceiver.h for when and on which thread).
 //
 // Ownership: the cache takes its own reference on every object, receiver and
-// factory handed to it; a raw pointer passed in with no reference of its own
-// is destroyed when the cache lets go of it. The cache owns its file: no other
-// Cache, in this or another process, may open the same file meanwhile.
+// factory handed to it. The recommended forms say who owns what:
+//   - Pt::SmartPointer<...>: shared ownership through the object's own count;
+//   - std::shared_ptr<CacheableFactory>: the cache keeps a copy of the
+//     shared_ptr for its whole life (the factory's own count is not used);
+//   - CacheableFactory& : borrowed; the caller keeps the factory alive until
+//     the Cache is destroyed (a factory on the stack or in a std::unique_ptr);
+//   - a callable (std::function) in place of a receiver.
+// RAW POINTERS TRANSFER OWNERSHIP: a raw pointer passed in with no reference
+// of its own is DESTROYED when the cache lets go of it, so pass only the
+// result of `new`. Never pass unique_ptr::get() (pass *ptr, or the
+// unique_ptr itself moved into a shared_ptr); an object on the calling
+// thread's stack passed by address is recognised and left alone.
+// The cache owns its file: no other Cache, in this or another process, may
+// open the same file meanwhile.
 //
 // Thread-safety: every operation may be called from any thread, also from
 // inside a receiver's callbacks, except commit(), clear() and the destructor
@@ -19,18 +30,29 @@
 // constructor or the destructor. The destructor must not run on a worker
 // thread, in a factory's create(), or in a receiver callback.
 //
-// Errors: the constructors throw Tarn::ExUnsupportedFileVersion (a file whose
-// header, type table or extent chain is damaged; damage confined to entries
-// drops those entries only, see droppedEntries()),
+// Errors: every exception's what() names its subject after the fixed text:
+// the path and operation of a file error, the type, or the key. The
+// constructors throw std::invalid_argument for a negative size in Config or
+// an unknown TARN_IO_ENGINE value, Tarn::ExInvalidTypeName for a factory
+// whose type name is empty or longer than 44 bytes, Pt::ExSystem(EILSEQ) for
+// a std::filesystem::path that is not UTF-8, Tarn::ExUnsupportedFileVersion
+// (a file whose header, type table or extent chain is damaged; damage
+// confined to entries drops those entries only, see droppedEntries()),
 // Tarn::ExFactoryClassNotFound (the file knows a type no factory serves, or
 // two factories serve one type), or Pt::ExSystem (the file cannot be opened,
-// created or locked). Keys with a length outside
-// 0..capacity and null receivers are refused with std::invalid_argument.
+// created or locked). Keys with a length outside 0..capacity and null
+// receivers are refused with std::invalid_argument.
 // insert, find and findCreate throw a Pt::Exception, changing nothing, when
 // all 65,536 slots of the memory index hold requests in progress and no
-// object can be evicted to make room.
+// object can be evicted to make room. The callable and future forms throw
+// at the call what the receiver forms throw; afterwards they report only
+// through the callable or the future.
 #pragma once
 
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,13 +69,44 @@ namespace Tarn {
 
 class CacheManager;
 
+// The outcome of a find or findCreate, handed to a callable receiver.
+struct Outcome {
+  enum class Kind { Found, Cancelled, Failed };
+  Kind kind;
+  int requestId;
+  CacheKey<32> key;
+  Pt::SmartPointer<Cacheable> cacheable;  // set when kind is Found
+  const Pt::Exception* error;             // set when kind is Failed; valid during the call
+};
+
+// Called exactly once per request, under the same rules as a
+// CacheableReceiver (any thread, possibly inside find itself). Copied by the
+// cache; it must be safe to call from another thread.
+using OutcomeCallback = std::function<void(const Outcome&)>;
+
+// The I/O engine the process runs its file requests on.
+TARN_EXPORT IoEngine ActiveIoEngine();
+
 class TARN_EXPORT Cache {
  public:
   // Opens (or, with config.createIfMissing, creates) the cache file at `path`
   // with one factory per type of object the cache may hold.
   Cache(const wchar_t* path, const Config& config,
         const std::vector<Pt::SmartPointer<CacheableFactory>>& factories);
+  // Takes ownership of `factory` (see Ownership above).
   Cache(const wchar_t* path, const Config& config, CacheableFactory* const factory);
+  // The same with a std::filesystem::path: a `const char*` or std::string
+  // converts to one, its bytes taken as they are (UTF-8).
+  Cache(const std::filesystem::path& path, const Config& config,
+        const std::vector<Pt::SmartPointer<CacheableFactory>>& factories);
+  Cache(const std::filesystem::path& path, const Config& config, CacheableFactory* const factory);
+  // Recommended: the factory's lifetime is stated by its holder.
+  Cache(const std::filesystem::path& path, const Config& config,
+        const Pt::SmartPointer<CacheableFactory>& factory);
+  Cache(const std::filesystem::path& path, const Config& config,
+        std::shared_ptr<CacheableFactory> factory);
+  // Borrowed: `factory` must outlive the Cache; the cache never deletes it.
+  Cache(const std::filesystem::path& path, const Config& config, CacheableFactory& factory);
   // Ends every waiting request (receivers hear cancelled), waits for the
   // file's outstanding writes, and closes the file.
   ~Cache();
@@ -68,17 +121,36 @@ class TARN_EXPORT Cache {
   // exception passes on to the caller. Throws ExFactoryClassNotFound when no
   // factory serves its type.
   void insert(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
-              Cacheable* cacheable);
+              Cacheable* cacheable);  // adopts a raw `cacheable` (see Ownership)
+  void insert(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
+              const Pt::SmartPointer<Cacheable>& cacheable);
   // Looks the key up in memory, among requests in progress, then in the file.
   // Returns the request id, or 0 when the key is nowhere (then `receiver` is
   // never called).
   int find(const CacheKey<32>& primaryKey, CacheableReceiver* const receiver);
+  int find(const CacheKey<32>& primaryKey, const Pt::SmartPointer<CacheableReceiver>& receiver);
+  // `onOutcome` in place of a receiver; an empty function is refused with
+  // std::invalid_argument.
+  int find(const CacheKey<32>& primaryKey, OutcomeCallback onOutcome);
+  // The object, or null when the key is nowhere or the request was
+  // cancelled; a failed request stores its exception in the future (the
+  // Tarn or Pt::ExSystem class it had; other classes as Pt::Exception).
+  // Blocking on the future inside a receiver or a factory may deadlock.
+  std::future<Pt::SmartPointer<Cacheable>> findFuture(const CacheKey<32>& primaryKey);
   // As find, and when the key is nowhere, has the factory of `type` create it
   // on a worker thread. Never returns 0. Throws ExFactoryClassNotFound when
   // the key is nowhere and no factory serves `type`; then `receiver` is not
   // called.
   int findCreate(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
                  const std::string& type, CacheableReceiver* const receiver);
+  int findCreate(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
+                 const std::string& type, const Pt::SmartPointer<CacheableReceiver>& receiver);
+  int findCreate(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
+                 const std::string& type, OutcomeCallback onOutcome);
+  // As findFuture, generating a missing object; null only when cancelled.
+  std::future<Pt::SmartPointer<Cacheable>> findCreateFuture(const CacheKey<32>& primaryKey,
+                                                            const CacheKey<16>& secondaryKey,
+                                                            const std::string& type);
   // The primary keys the file holds under `secondaryKey`, sorted.
   void findPrimaryKeys(const CacheKey<16>& secondaryKey, std::vector<CacheKey<32>>& primaryKeys);
 

@@ -157,4 +157,20 @@ class TARN_EXPORT ExFileWriteExtentHeader : public ExBase {
   Pt::Exception* cloneMe() const;
 };
 
+// A factory's type name is empty or longer than the 44 bytes that a cache
+// file records; what() names the type and its length.
+class TARN_EXPORT ExInvalidTypeName : public ExBase {
+ public:
+  explicit ExInvalidTypeName(const Pt::ExWhere& where);
+  ExInvalidTypeName(const Pt::ExWhere& where, const Pt::Exception& nested);
+  ExInvalidTypeName(const ExInvalidTypeName& other);
+  ExInvalidTypeName& operator=(const ExInvalidTypeName& other);
+  ~ExInvalidTypeName() override;
+
+  Pt::Exception* clone() const override;
+
+ protected:
+  Pt::Exception* cloneMe() const;
+};
+
 }  // namespace Tarn

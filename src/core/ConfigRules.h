@@ -7,6 +7,9 @@
 
 #include <cstdint>
 
+#include "pt/Platform.h"
+#include "tarn/Config.h"
+
 namespace Tarn {
 
 inline constexpr int kMaxWorkerThreads = 8;
@@ -31,5 +34,21 @@ uint64_t EffectiveFileBudget(int32_t configured);
 // The platform thread priority (1 low, 2 normal, 3 high) for a configured
 // worker priority: 0, 1, 2 select 1, 2, 3; any other value selects 2.
 int EffectiveWorkerPriority(int32_t configured);
+
+// Refuses a Config whose sizes (memoryTarget, memorySlack, minAllocation,
+// fileBudget) are negative, with std::invalid_argument naming the field.
+void CheckConfigSizes(const Config& config);
+
+// The environment variable that overrides Config::ioEngine.
+inline constexpr const char* kIoEngineVariable = "TARN_IO_ENGINE";
+
+// The engine to start: `environment` ("uring", "threads" or "auto") when it
+// is set and not empty, else `configured`. Any other value of the variable,
+// or a configured value outside the enumeration, throws
+// std::invalid_argument naming it.
+IoEngine EffectiveIoEngine(IoEngine configured, const char* environment);
+
+Pt::IoEngineKind PlatformIoEngine(IoEngine engine);
+IoEngine PublicIoEngine(Pt::IoEngineKind engine);
 
 }  // namespace Tarn

@@ -46,6 +46,7 @@ TARN_DEFINE_EXCEPTION(ExFileWriteEntry, kMsgFileWriteEntry)
 TARN_DEFINE_EXCEPTION(ExFileWriteExtent, kMsgFileWriteExtent)
 TARN_DEFINE_EXCEPTION(ExFileWriteEntryHeader, kMsgFileWriteEntryHeader)
 TARN_DEFINE_EXCEPTION(ExFileWriteExtentHeader, kMsgFileWriteExtentHeader)
+TARN_DEFINE_EXCEPTION(ExInvalidTypeName, kMsgInvalidTypeName)
 
 #undef TARN_DEFINE_EXCEPTION
 // NOLINTEND(bugprone-macro-parentheses)

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "core/RaiseSites.h"
+#include "core/Subject.h"
 #include "tarn/Exceptions.h"
 
 namespace Tarn {
@@ -36,7 +37,7 @@ const Pt::SmartPointer<CacheableFactory>& FactoryManager::lookup(const std::stri
   for (const auto& factory : factories_) {
     if (factory->getType() == type) return factory;
   }
-  throw ExFactoryClassNotFound(kFactoryLookup.where);
+  throw WithSubject(ExFactoryClassNotFound(kFactoryLookup.where), TypeSubject(type));
 }
 
 }  // namespace Tarn

@@ -16,6 +16,7 @@ constexpr const wchar_t* kMessages[kMessageCount] = {
     L"Asynchronous File Entry Header Write I//O Operation Failed!",
     L"Asynchronous File Extent Header Write I//O Operation Failed!",
     L"Asynchronous File Delete Header Write I//O Operation Failed!",
+    L"Type name is empty or longer than the 44 bytes a cache file holds!",
 };
 
 constexpr const wchar_t* kUnknownMessage = L"Unknown error code!";

@@ -18,10 +18,11 @@ enum MessageCode : int {
   kMsgFileWriteEntryHeader = 6,    // ExFileWriteEntryHeader
   kMsgFileWriteExtentHeader = 7,   // ExFileWriteExtentHeader
   kMsgFileDeleteHeader = 8,        // carried by no class
-  kMessageCount = 9,
+  kMsgInvalidTypeName = 9,         // ExInvalidTypeName
+  kMessageCount = 10,
 };
 
-// The message of `code` (0 to 8). The same pointer comes back on every call
+// The message of `code` (0 to 9). The same pointer comes back on every call
 // and stays valid for the life of the library; the text never changes.
 // Lock-free and safe from any thread. A code outside the table is a
 // programming error: it yields a fixed "unknown error" text.

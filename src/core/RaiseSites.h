@@ -70,8 +70,8 @@ inline constexpr RaiseSite kOpenRangesDamaged{kMsgUnsupportedFileVersion, {kSrcF
 inline constexpr RaiseSite kOpenFileLocked{kSystemError, {kSrcFileManager, 281}};
 
 // Opening a cache file: matching the factories to the file's type table.
-// A factory's type name does not fit a type record.
-inline constexpr RaiseSite kOpenTypeNameTooLong{kSystemError, {kSrcFileManager, 205}};
+// A factory's type name is empty or does not fit a type record.
+inline constexpr RaiseSite kOpenTypeNameTooLong{kMsgInvalidTypeName, {kSrcFileManager, 205}};
 inline constexpr RaiseSite kOpenTypeCount{kMsgFactoryClassNotFound, {kSrcFileManager, 210}};
 inline constexpr RaiseSite kOpenTypeTableForUpdate{kSystemError, {kSrcFileManager, 221}};
 inline constexpr RaiseSite kOpenWriteTypeTable{kSystemError, {kSrcFileManager, 231}};
@@ -152,6 +152,9 @@ inline constexpr const wchar_t* kClientThrewMessage =
 // read the device takes) is damaged; its find fails without reading.
 inline constexpr RaiseSite kReadEntryDamaged{kMsgFileReadEntry, {kSrcReadEntryReceiver, 64}};
 
+// A std::filesystem::path given to the API that is not valid UTF-8.
+inline constexpr RaiseSite kApiPathEncoding{kSystemError, {kSrcManager, 80}};
+
 // All of the above, for checks over the whole table.
 inline constexpr RaiseSite kAllRaiseSites[] = {
     kFactoryLookup,
@@ -203,6 +206,7 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kWorkRequestThrew,
     kClientThrew,
     kReadEntryDamaged,
+    kApiPathEncoding,
 };
 
 }  // namespace Tarn

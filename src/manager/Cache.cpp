@@ -3,8 +3,12 @@
 #include "tarn/Cache.h"
 
 #include <stdexcept>
+#include <utility>
 
+#include "core/ConfigRules.h"
+#include "manager/CacheAdapters.h"
 #include "manager/CacheManager.h"
+#include "pt/Platform.h"
 
 namespace Tarn {
 namespace {
@@ -23,25 +27,52 @@ const SecondaryKey& Secondary(const SecondaryKey& key) {
   return Checked(key, "Tarn::Cache: secondary key length outside 0..16");
 }
 
-Pt::SmartPointer<CacheableReceiver> Receiver(CacheableReceiver* receiver) {
-  if (receiver == nullptr) throw std::invalid_argument("Tarn::Cache: null receiver");
-  return Pt::SmartPointer<CacheableReceiver>(receiver);
+Pt::SmartPointer<CacheableReceiver> Receiver(const Pt::SmartPointer<CacheableReceiver>& receiver) {
+  if (!receiver) throw std::invalid_argument("Tarn::Cache: null receiver");
+  return receiver;
 }
 
 Pt::SmartPointer<FactoryManager> Registry(const FactoryManager::Factories& factories) {
   return Pt::SmartPointer<FactoryManager>(new FactoryManager(factories));
 }
 
+Pt::SmartPointer<FactoryManager> Registry(const Pt::SmartPointer<CacheableFactory>& factory) {
+  return Pt::SmartPointer<FactoryManager>(new FactoryManager(factory));
+}
+
+CacheManager* Open(const wchar_t* path, const Config& config,
+                   const Pt::SmartPointer<FactoryManager>& factories) {
+  CheckConfigSizes(config);
+  return new CacheManager(path, config, factories);
+}
+
 }  // namespace
 
 Cache::Cache(const wchar_t* path, const Config& config,
              const std::vector<Pt::SmartPointer<CacheableFactory>>& factories)
-    : manager_(new CacheManager(path, config, Registry(factories))) {}
+    : manager_(Open(path, config, Registry(factories))) {}
 
 Cache::Cache(const wchar_t* path, const Config& config, CacheableFactory* const factory)
-    : manager_(new CacheManager(path, config,
-                                Pt::SmartPointer<FactoryManager>(new FactoryManager(
-                                    Pt::SmartPointer<CacheableFactory>(factory))))) {}
+    : manager_(Open(path, config, Registry(Adopt(factory)))) {}
+
+Cache::Cache(const std::filesystem::path& path, const Config& config,
+             const std::vector<Pt::SmartPointer<CacheableFactory>>& factories)
+    : manager_(Open(WidePath(path).c_str(), config, Registry(factories))) {}
+
+Cache::Cache(const std::filesystem::path& path, const Config& config,
+             CacheableFactory* const factory)
+    : manager_(Open(WidePath(path).c_str(), config, Registry(Adopt(factory)))) {}
+
+Cache::Cache(const std::filesystem::path& path, const Config& config,
+             const Pt::SmartPointer<CacheableFactory>& factory)
+    : manager_(Open(WidePath(path).c_str(), config, Registry(factory))) {}
+
+Cache::Cache(const std::filesystem::path& path, const Config& config,
+             std::shared_ptr<CacheableFactory> factory)
+    : manager_(Open(WidePath(path).c_str(), config, Registry(SharedFactory(std::move(factory))))) {}
+
+Cache::Cache(const std::filesystem::path& path, const Config& config, CacheableFactory& factory)
+    : manager_(Open(WidePath(path).c_str(), config, Registry(BorrowedFactory(factory)))) {}
 
 Cache::~Cache() {
   delete manager_;
@@ -49,18 +80,59 @@ Cache::~Cache() {
 
 void Cache::insert(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
                    Cacheable* cacheable) {
-  const Pt::SmartPointer<Cacheable> held(cacheable);
-  manager_->insert(Primary(primaryKey), Secondary(secondaryKey), held, 0);
+  insert(primaryKey, secondaryKey, Adopt(cacheable));
+}
+
+void Cache::insert(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
+                   const Pt::SmartPointer<Cacheable>& cacheable) {
+  manager_->insert(Primary(primaryKey), Secondary(secondaryKey), cacheable, 0);
 }
 
 int Cache::find(const CacheKey<32>& primaryKey, CacheableReceiver* const receiver) {
+  return find(primaryKey, Adopt(receiver));
+}
+
+int Cache::find(const CacheKey<32>& primaryKey,
+                const Pt::SmartPointer<CacheableReceiver>& receiver) {
   return manager_->find(Primary(primaryKey), Receiver(receiver));
+}
+
+int Cache::find(const CacheKey<32>& primaryKey, OutcomeCallback onOutcome) {
+  return find(primaryKey, CallbackReceiver(std::move(onOutcome)));
+}
+
+std::future<Pt::SmartPointer<Cacheable>> Cache::findFuture(const CacheKey<32>& primaryKey) {
+  const Pt::SmartPointer<PromiseReceiver> receiver(new PromiseReceiver);
+  std::future<Pt::SmartPointer<Cacheable>> outcome = receiver->future();
+  // 0: the key is nowhere and the receiver will never be called.
+  if (find(primaryKey, Pt::SmartPointer<CacheableReceiver>(receiver)) == 0) receiver->settleEmpty();
+  return outcome;
 }
 
 int Cache::findCreate(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
                       const std::string& type, CacheableReceiver* const receiver) {
+  return findCreate(primaryKey, secondaryKey, type, Adopt(receiver));
+}
+
+int Cache::findCreate(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
+                      const std::string& type,
+                      const Pt::SmartPointer<CacheableReceiver>& receiver) {
   return manager_->findCreate(Primary(primaryKey), Secondary(secondaryKey), type,
                               Receiver(receiver));
+}
+
+int Cache::findCreate(const CacheKey<32>& primaryKey, const CacheKey<16>& secondaryKey,
+                      const std::string& type, OutcomeCallback onOutcome) {
+  return findCreate(primaryKey, secondaryKey, type, CallbackReceiver(std::move(onOutcome)));
+}
+
+std::future<Pt::SmartPointer<Cacheable>> Cache::findCreateFuture(const CacheKey<32>& primaryKey,
+                                                                 const CacheKey<16>& secondaryKey,
+                                                                 const std::string& type) {
+  const Pt::SmartPointer<PromiseReceiver> receiver(new PromiseReceiver);
+  std::future<Pt::SmartPointer<Cacheable>> outcome = receiver->future();
+  findCreate(primaryKey, secondaryKey, type, Pt::SmartPointer<CacheableReceiver>(receiver));
+  return outcome;
 }
 
 void Cache::findPrimaryKeys(const CacheKey<16>& secondaryKey,
@@ -106,6 +178,10 @@ int32_t Cache::fileEvictions() {
 
 Statistics& Cache::statistics(Statistics& statistics) {
   return manager_->statistics(statistics);
+}
+
+IoEngine ActiveIoEngine() {
+  return PublicIoEngine(Pt::ActiveIoEngine());
 }
 
 int32_t Cache::droppedEntries() {

@@ -1,6 +1,9 @@
 #include "manager/CacheManager.h"
 
+#include <cstdlib>
 #include <stdexcept>
+
+#include "core/ConfigRules.h"
 
 #include "core/ClientException.h"
 #include "core/RaiseSites.h"
@@ -15,10 +18,12 @@ std::atomic<int32_t> instanceCounter{0};
 
 }  // namespace
 
-CacheManager::PlatformUser::PlatformUser() {
-  Pt::Config config;
-  config.asyncFileIo = true;
-  Pt::PlatformInit(config);
+CacheManager::PlatformUser::PlatformUser(const Config& config) {
+  Pt::Config platform;
+  platform.asyncFileIo = true;
+  platform.ioEngine =
+      PlatformIoEngine(EffectiveIoEngine(config.ioEngine, std::getenv(kIoEngineVariable)));
+  Pt::PlatformInit(platform);
 }
 
 CacheManager::PlatformUser::~PlatformUser() {
@@ -27,7 +32,8 @@ CacheManager::PlatformUser::~PlatformUser() {
 
 CacheManager::CacheManager(const wchar_t* path, const Config& config,
                            const Pt::SmartPointer<FactoryManager>& factories)
-    : id_(instanceCounter.fetch_add(1) + 1),
+    : platform_(config),
+      id_(instanceCounter.fetch_add(1) + 1),
       factories_(factories),
       slots_(config.memoryTarget, config.memorySlack) {
   WorkManager::start(config);

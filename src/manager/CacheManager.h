@@ -98,7 +98,7 @@ class CacheManager {
   // Holds one registration with the platform for the manager's life, so
   // that every way out of the constructor gives it back.
   struct PlatformUser {
-    PlatformUser();
+    explicit PlatformUser(const Config& config);
     ~PlatformUser();
   };
 

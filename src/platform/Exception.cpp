@@ -60,6 +60,7 @@ Exception::Exception(const Exception& other)
     : std::exception(other),
       message_(other.message_),
       utf8_(other.utf8_),
+      context_(other.context_),
       where_(other.where_),
       flags_(other.flags_),
       nested_(other.nested_ ? other.nested_->clone() : nullptr) {}
@@ -69,6 +70,7 @@ Exception& Exception::operator=(const Exception& other) {
     std::unique_ptr<Exception> nested(other.nested_ ? other.nested_->clone() : nullptr);
     message_ = other.message_;
     utf8_ = other.utf8_;
+    context_ = other.context_;
     where_ = other.where_;
     flags_ = other.flags_;
     nested_ = std::move(nested);
@@ -80,6 +82,12 @@ Exception::~Exception() = default;
 
 const char* Exception::what() const noexcept {
   return utf8_.c_str();
+}
+
+void Exception::addContext(const std::string& utf8) {
+  if (utf8.empty()) return;
+  context_ += context_.empty() ? utf8 : "; " + utf8;
+  utf8_ = WideToUtf8Lossy(message_) + " (" + context_ + ")";
 }
 
 Exception* Exception::clone() const {

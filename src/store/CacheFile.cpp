@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "core/RaiseSites.h"
+#include "core/Subject.h"
 #include "platform/SyncFile.h"
 #include "pt/Exception.h"
 #include "store/FileFormat.h"
@@ -29,10 +30,17 @@ void CreateCacheFile(const wchar_t* path) {
   // Built before the file is touched, so that running out of memory leaves
   // any existing file as it was.
   const std::vector<uint8_t> image = InitialFileImage();
-  Pt::SyncFile file = Pt::SyncFile::Open(narrow, Pt::SyncFile::Mode::Create, kCreateFileOpen.where);
+  Pt::SyncFile file;
+  try {
+    file = Pt::SyncFile::Open(narrow, Pt::SyncFile::Mode::Create, kCreateFileOpen.where);
+  } catch (Pt::Exception& failure) {
+    failure.addContext(PathSubject("create cache file", narrow));
+    throw;
+  }
   try {
     WriteDurably(file, narrow, image);
-  } catch (const Pt::ExSystem&) {
+  } catch (Pt::ExSystem& failure) {
+    failure.addContext(PathSubject("write new cache file", narrow));
     // A half-made file would be rejected by every open; it goes. The
     // exception was made before the removal, whose own errno cannot hide it.
     file.close();
@@ -48,7 +56,12 @@ void DestroyCacheFile(const wchar_t* path) {
   const std::string narrow = NativePath(path, kDestroyFileRemove);
   // unlink rather than remove: a cache path that names a folder, even an
   // empty one, must not make the folder disappear.
-  Pt::UnlinkFile(narrow, kDestroyFileRemove.where);
+  try {
+    Pt::UnlinkFile(narrow, kDestroyFileRemove.where);
+  } catch (Pt::Exception& failure) {
+    failure.addContext(PathSubject("remove cache file", narrow));
+    throw;
+  }
 }
 
 }  // namespace Tarn

@@ -13,6 +13,7 @@
 
 #include "core/ConfigRules.h"
 #include "core/RaiseSites.h"
+#include "core/Subject.h"
 #include "platform/SyncFile.h"
 #include "store/CacheFileLoader.h"
 #include "store/FileFormat.h"
@@ -141,11 +142,24 @@ void Replace(const std::string& temporary, const std::string& destination) {
   Pt::SyncParentDirectory(destination, kCompactReplace.where);
 }
 
+void Compact(const std::string& from, const std::string& to);
+
 }  // namespace
 
 void CompactCacheFile(const wchar_t* source, const wchar_t* destination) {
   const std::string from = NativePath(source, kOpenFile);
   const std::string to = NativePath(destination, kCompactWrite);
+  try {
+    Compact(from, to);
+  } catch (Pt::Exception& failure) {
+    failure.addContext(PathSubject("compact cache file", from) + " into \"" + to + "\"");
+    throw;
+  }
+}
+
+namespace {
+
+void Compact(const std::string& from, const std::string& to) {
   // Locked for the whole run: no cache may write the source meanwhile, nor
   // have the destination open when it is replaced.
   FileLock sourceLock;
@@ -162,5 +176,7 @@ void CompactCacheFile(const wchar_t* source, const wchar_t* destination) {
   WriteTemporary(temporary, sourceLock.file(), loaded);
   Replace(temporary, to);
 }
+
+}  // namespace
 
 }  // namespace Tarn

@@ -7,6 +7,7 @@
 
 #include "core/ConfigRules.h"
 #include "core/RaiseSites.h"
+#include "core/Subject.h"
 #include "store/CacheFileLoader.h"
 #include "store/NativePath.h"
 #include "tarn/CacheFile.h"
@@ -66,10 +67,20 @@ FileManager::FileManager(const wchar_t* path, CacheManager* owner, const Config&
   const std::string narrow = NativePath(path, kOpenFile);
   // Refused before anything is written: the type table could not hold it.
   CheckTypeNames(*factories_);
+  // Every failure from here on names the file and the step that failed.
+  // A new file names itself in its failures.
   if (!Pt::FileExists(narrow) && config.createIfMissing) CreateCacheFile(path);
-  fileLock_.acquire(narrow);
-  load(fileLock_.file());
-  device_ = Pt::PtIoDeviceFile::Create(path, Pt::PtIoDeviceFile::ReadWrite);
+  const char* step = "open and lock cache file";
+  try {
+    fileLock_.acquire(narrow);
+    step = "read cache file";
+    load(fileLock_.file());
+    step = "open cache file for I/O";
+    device_ = Pt::PtIoDeviceFile::Create(path, Pt::PtIoDeviceFile::ReadWrite);
+  } catch (Pt::Exception& failure) {
+    failure.addContext(PathSubject(step, narrow));
+    throw;
+  }
   fileEnd_.store(device_->length());
   groupSync_ = std::make_unique<GroupSync>(device_, !config.relaxedOrdering);
 }
@@ -87,8 +98,10 @@ FileManager::~FileManager() {
 
 void FileManager::CheckTypeNames(const FactoryManager& factories) {
   for (const auto& factory : factories) {
-    if (factory->getType().size() > kMaxTypeNameLength) {
-      throw Pt::ExSystem(ENAMETOOLONG, kOpenTypeNameTooLong.where);
+    const std::string& type = factory->getType();
+    if (type.empty() || type.size() > kMaxTypeNameLength) {
+      throw WithSubject(ExInvalidTypeName(kOpenTypeNameTooLong.where),
+                        TypeSubject(type) + " is " + std::to_string(type.size()) + " bytes");
     }
   }
 }
@@ -159,7 +172,10 @@ void FileManager::registerTypes(Pt::SyncFile& file, uint32_t typeTableOffset) {
     if (!found) types_.push_back({static_cast<uint32_t>(types_.size() + 1), name});
   }
   if (types_.size() != factories_->size() || types_.size() > kTypeRecordCount) {
-    throw ExFactoryClassNotFound(kOpenTypeCount.where);
+    std::string subject = "the file's types";
+    for (const TypeInfo& type : types_) subject += " " + Printable(type.name);
+    throw WithSubject(ExFactoryClassNotFound(kOpenTypeCount.where),
+                      subject + " against " + std::to_string(factories_->size()) + " factories");
   }
   if (types_.size() == known) return;  // nothing new: the file is not touched
 

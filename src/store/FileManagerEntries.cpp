@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "core/RaiseSites.h"
+#include "core/Subject.h"
 #include "platform/InvariantCheck.h"
 #include "store/FileManager.h"
 #include "store/FileReadEntryReceiver.h"
@@ -59,7 +60,9 @@ FileManager::EntryInfo FileManager::reserveEntry(const PrimaryKey& primaryKey,
     throw std::invalid_argument("FileManager::write: the key is already stored");
   }
   const uint32_t id = typeIdLocked(type);
-  if (id == 0) throw ExFactoryClassNotFound(kInsertUnknownType.where);
+  if (id == 0) {
+    throw WithSubject(ExFactoryClassNotFound(kInsertUnknownType.where), TypeSubject(type));
+  }
   // Validates both key lengths before anything is taken.
   EntryHeader header =
       EntryHeader::ForEntry(static_cast<uint16_t>(id), primaryKey, secondaryKey, 0, length, 0);
@@ -88,8 +91,9 @@ void FileManager::entryDataWritten(const PrimaryKey& primaryKey, uint32_t serial
   groupSync_->afterDurable([this, primaryKey, serial, operation](int error) {
     if (error != 0) {
       failEntryWrite(primaryKey, serial);
-      Pt::Exception::Post(
-          ExFileWriteEntry(kWriteEntryFailed.where, Pt::ExSystem(error, kWriteEntrySync.where)));
+      Pt::Exception::Post(WithSubject(
+          ExFileWriteEntry(kWriteEntryFailed.where, Pt::ExSystem(error, kWriteEntrySync.where)),
+          KeySubject(primaryKey)));
       return;
     }
     Pt::MutexLock guard(lock_);
@@ -266,8 +270,9 @@ void FileManager::deleteWritten(const FileDeleteEntryReceiver::Target& target,
   groupSync_->afterDurable([this, target, operation](int error) {
     if (error != 0) {
       failDelete(target);
-      Pt::Exception::Post(
-          ExFileReadEntry(kDeleteHeaderFailed.where, Pt::ExSystem(error, kDeleteSync.where)));
+      Pt::Exception::Post(WithSubject(
+          ExFileReadEntry(kDeleteHeaderFailed.where, Pt::ExSystem(error, kDeleteSync.where)),
+          KeySubject(target.primaryKey)));
       return;
     }
     Pt::MutexLock guard(lock_);

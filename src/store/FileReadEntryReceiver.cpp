@@ -5,6 +5,7 @@
 
 #include "core/ClientException.h"
 #include "core/RaiseSites.h"
+#include "core/Subject.h"
 #include "manager/CacheManager.h"
 #include "store/FileManager.h"
 #include "tarn/Exceptions.h"
@@ -37,7 +38,7 @@ void FileReadEntryReceiver::Queue(Pt::IoDevice& device, const EntryHeader& heade
   // A damaged header is refused before anything is allocated: its length
   // could ask for gigabytes, or for bytes of a neighbouring entry.
   if (header.dataLength > header.allocatedLength || header.dataLength > kMaxReadLength) {
-    throw ExFileReadEntry(kReadEntryDamaged.where);
+    throw WithSubject(ExFileReadEntry(kReadEntryDamaged.where), KeySubject(receiver->primaryKey_));
   }
   const auto request = Pt::IoRequest::Create(receiver.get(), static_cast<int>(header.dataLength),
                                              Pt::IoRequest::Normal);
@@ -50,8 +51,9 @@ void FileReadEntryReceiver::ioCompleted(Pt::IoRequest& request) {
     rebuild(request);
   } catch (...) {
     const std::unique_ptr<Pt::Exception> error = CaughtAsPtException();
-    manager_->failPending(primaryKey_, requestId_,
-                          ExFileReadEntry(kReadEntryRebuild.where, *error));
+    manager_->failPending(
+        primaryKey_, requestId_,
+        WithSubject(ExFileReadEntry(kReadEntryRebuild.where, *error), KeySubject(primaryKey_)));
   }
 }
 
@@ -74,7 +76,9 @@ void FileReadEntryReceiver::rebuild(Pt::IoRequest& request) {
 }
 
 void FileReadEntryReceiver::ioFailed(Pt::IoRequest& /*request*/, const Pt::Exception& cause) {
-  manager_->failPending(primaryKey_, requestId_, ExFileReadEntry(kReadEntryFailed.where, cause));
+  manager_->failPending(
+      primaryKey_, requestId_,
+      WithSubject(ExFileReadEntry(kReadEntryFailed.where, cause), KeySubject(primaryKey_)));
 }
 
 }  // namespace Tarn

@@ -1,6 +1,7 @@
 // The receivers of the store's writes. Each hands its outcome to the store,
 // which owns the ordering; a failure is posted once, here, where it happens.
 #include "core/RaiseSites.h"
+#include "core/Subject.h"
 #include "store/FileDeleteEntryReceiver.h"
 #include "store/FileManager.h"
 #include "store/FileWriteEntryHeaderReceiver.h"
@@ -17,7 +18,8 @@ void FileWriteEntryReceiver::ioCompleted(Pt::IoRequest& /*request*/) {
 
 void FileWriteEntryReceiver::ioFailed(Pt::IoRequest& /*request*/, const Pt::Exception& cause) {
   fileManager_->failEntryWrite(primaryKey_, serial_);
-  Pt::Exception::Post(ExFileWriteEntry(kWriteEntryFailed.where, cause));
+  Pt::Exception::Post(
+      WithSubject(ExFileWriteEntry(kWriteEntryFailed.where, cause), KeySubject(primaryKey_)));
 }
 
 void FileWriteEntryHeaderReceiver::ioCompleted(Pt::IoRequest& /*request*/) {
@@ -27,7 +29,8 @@ void FileWriteEntryHeaderReceiver::ioCompleted(Pt::IoRequest& /*request*/) {
 void FileWriteEntryHeaderReceiver::ioFailed(Pt::IoRequest& /*request*/,
                                             const Pt::Exception& cause) {
   fileManager_->failEntryHeader(primaryKey_, serial_, operation());
-  Pt::Exception::Post(ExFileWriteEntryHeader(kWriteEntryHeaderFailed.where, cause));
+  Pt::Exception::Post(WithSubject(ExFileWriteEntryHeader(kWriteEntryHeaderFailed.where, cause),
+                                  KeySubject(primaryKey_)));
 }
 
 void FileDeleteEntryReceiver::ioCompleted(Pt::IoRequest& /*request*/) {
@@ -37,7 +40,8 @@ void FileDeleteEntryReceiver::ioCompleted(Pt::IoRequest& /*request*/) {
 void FileDeleteEntryReceiver::ioFailed(Pt::IoRequest& /*request*/, const Pt::Exception& cause) {
   fileManager_->failDelete(target_);
   // Reported as an entry-read failure, the class callers watch for.
-  Pt::Exception::Post(ExFileReadEntry(kDeleteHeaderFailed.where, cause));
+  Pt::Exception::Post(WithSubject(ExFileReadEntry(kDeleteHeaderFailed.where, cause),
+                                  KeySubject(target_.primaryKey)));
 }
 
 void FileWriteExtentReceiver::ioCompleted(Pt::IoRequest& /*request*/) {

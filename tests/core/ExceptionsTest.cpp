@@ -21,6 +21,7 @@ const wchar_t* const kExpectedMessages[kMessageCount] = {
     L"Asynchronous File Entry Header Write I//O Operation Failed!",
     L"Asynchronous File Extent Header Write I//O Operation Failed!",
     L"Asynchronous File Delete Header Write I//O Operation Failed!",
+    L"Type name is empty or longer than the 44 bytes a cache file holds!",
 };
 
 constexpr Pt::ExWhere kHere{"shared/tarn/cache/TarnFileManager", 292};
@@ -61,8 +62,28 @@ TEST(ExceptionFamily, EachIsCaughtAsEveryBaseWithItsMessageLocationAndClass) {
                ExFileWriteExtentHeader>();
   // The last message is carried by no class; a code outside the table gets a text too.
   EXPECT_EQ(std::wstring(errorMessage(kMsgFileDeleteHeader)), kExpectedMessages[8]);
+  ExpectFamilyMember<ExInvalidTypeName>(kMsgInvalidTypeName);
   EXPECT_NE(errorMessage(kMessageCount), nullptr);
   EXPECT_NE(errorMessage(-1), nullptr);
+}
+
+// The subject follows the fixed text in what(), survives every copy (a
+// posted or nested exception is a clone), and leaves message() alone.
+TEST(ExceptionFamily, ContextFollowsTheFixedTextThroughCopies) {
+  ExFileReadEntry error(kHere, Pt::ExSystem(EIO, kHere));
+  error.addContext("key \"a\"");
+  error.addContext("");
+  error.addContext("second");
+  const std::string expected =
+      "Asynchronous File Entry Read I//O Operation Failed! (key \"a\"; second)";
+  EXPECT_EQ(std::string(error.what()), expected);
+  EXPECT_EQ(error.message(), kExpectedMessages[kMsgFileReadEntry]);
+  const std::unique_ptr<Pt::Exception> copy(error.clone());
+  EXPECT_EQ(std::string(copy->what()), expected);
+  EXPECT_EQ(copy->context(), "key \"a\"; second");
+  ExFileReadEntry assigned(kHere);
+  assigned = error;
+  EXPECT_EQ(std::string(assigned.what()), expected);
 }
 
 }  // namespace

@@ -30,6 +30,7 @@
 #include "support/RecordingReceiver.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 extern char** environ;
@@ -58,7 +59,7 @@ using Baseline = std::map<int, int64_t>;
 class CrashLoop : public testing::Test {
  protected:
   std::unique_ptr<Tarn::Cache> openCache() {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.memoryTarget = 1 << 20;
     config.workerThreads = 1;
     config.createIfMissing = true;

@@ -12,6 +12,7 @@
 
 #include "crash/CrashModel.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace TarnCrash {
@@ -81,7 +82,7 @@ int RunWriter(int argc, char** argv) {
   int64_t version = std::stoll(argv[5]);
   if (!log.ok()) return 2;
   try {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.memoryTarget = 1 << 20;
     config.workerThreads = 1;
     const std::wstring path(cachePath.begin(), cachePath.end());

@@ -49,6 +49,7 @@
 #include "support/RecordingReceiver.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace TarnCrash {
@@ -306,7 +307,7 @@ class IoFaultLoop : public testing::TestWithParam<EngineAndRequest> {
   }
 
   std::unique_ptr<Tarn::Cache> open(bool create, int32_t minAllocation) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.memoryTarget = 1 << 30;
     config.workerThreads = 2;
     config.minAllocation = minAllocation;

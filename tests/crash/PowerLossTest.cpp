@@ -28,6 +28,7 @@
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace TarnCrash {
@@ -65,7 +66,7 @@ struct Figures {
 class PowerLoss : public testing::TestWithParam<bool> {
  protected:
   std::unique_ptr<Tarn::Cache> open(bool create) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.memoryTarget = 1 << 20;
     config.workerThreads = 1;
     config.createIfMissing = create;

@@ -15,6 +15,7 @@
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace {
@@ -29,7 +30,7 @@ class CacheFileCompactTest : public testing::Test {
   void TearDown() override { IoFaultInjection::Clear(); }
 
   std::unique_ptr<Tarn::Cache> open(const std::string& name) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.createIfMissing = true;
     return std::make_unique<Tarn::Cache>(
         dir.wfile(name).c_str(), config,

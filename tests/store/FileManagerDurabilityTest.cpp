@@ -19,6 +19,7 @@
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 
 namespace {
 
@@ -55,7 +56,7 @@ class FileManagerDurabilityTest : public testing::TestWithParam<bool> {
   }
   bool relaxed() const { return GetParam(); }
   std::unique_ptr<FileManager> open(int32_t budget = 0) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.createIfMissing = true;
     config.fileBudget = budget;
     config.relaxedOrdering = relaxed();

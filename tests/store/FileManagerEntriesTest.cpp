@@ -11,6 +11,7 @@
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/Exceptions.h"
 
 namespace {
@@ -34,7 +35,7 @@ class FileManagerEntriesTest : public testing::Test {
     Pt::PlatformUninit();
   }
   std::unique_ptr<Tarn::FileManager> open() {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.createIfMissing = true;
     return std::make_unique<Tarn::FileManager>(dir_.wfile("c.tarn").c_str(), nullptr, config,
                                                TarnTest::FactoriesFor({"tile"}));

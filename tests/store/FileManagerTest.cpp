@@ -16,6 +16,7 @@
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/CacheFile.h"
 #include "tarn/Exceptions.h"
 
@@ -34,7 +35,7 @@ class FileManagerTest : public testing::Test {
 
   std::unique_ptr<Tarn::FileManager> open(const std::vector<std::string>& types,
                                           bool create = true) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.createIfMissing = create;
     return std::make_unique<Tarn::FileManager>(wpath_.c_str(), nullptr, config,
                                                TarnTest::FactoriesFor(types));
@@ -74,12 +75,13 @@ int RaiseLine(Action&& action) {
 
 // ---- open and type registration ------------------------------------------
 
-// A missing file is created only when asked, never with a type name over 44
-// bytes; a reopen registers only new types, and a reopen whose factories miss
+// A missing file is created only when asked, never with a type name that is
+// empty or over 44 bytes; a reopen registers only new types, and a reopen whose factories miss
 // a registered type or serve one twice is refused with the file unchanged.
 TEST_F(FileManagerTest, CreationAndTypeRegistrationAcrossReopens) {
   EXPECT_EQ(RaiseLine<Pt::ExSystem>([&] { open({"tile"}, false); }), 279);
-  EXPECT_EQ(RaiseLine<Pt::ExSystem>([&] { open({"tile", std::string(45, 'x')}); }), 205);
+  EXPECT_EQ(RaiseLine<Tarn::ExInvalidTypeName>([&] { open({"tile", std::string(45, 'x')}); }), 205);
+  EXPECT_EQ(RaiseLine<Tarn::ExInvalidTypeName>([&] { open({"tile", ""}); }), 205);
   EXPECT_NE(access(path_.c_str(), F_OK), 0);
   {
     auto store = open({"tile", "doc"});

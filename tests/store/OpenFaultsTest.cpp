@@ -17,6 +17,7 @@
 #include "support/RecordingReceiver.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace {
@@ -51,7 +52,7 @@ class OpenFaultsTest : public testing::Test {
   }
 
   std::unique_ptr<Tarn::FileManager> open(const std::vector<std::string>& types) {
-    Tarn::Config config{};
+    Tarn::Config config = Tarn::ZeroedConfig();
     config.createIfMissing = true;
     return std::make_unique<Tarn::FileManager>(wpath.c_str(), nullptr, config,
                                                TarnTest::FactoriesFor(types));
@@ -220,7 +221,7 @@ TEST_F(OpenFaultsTest, FailedSalvageWriteEndsTheOpen) {
 TEST_F(OpenFaultsTest, CacheReportsDroppedEntriesAndServesTheRest) {
   writeFile(
       {{"good", 0, 262'960, 10, 256}, {"bad", 1, 263'000, 10, 256}, {"ok", 2, 263'472, 5, 16}});
-  Tarn::Config config{};
+  Tarn::Config config = Tarn::ZeroedConfig();
   Tarn::Cache cache(wpath.c_str(), config, new TarnTest::NamedFactory("tile"));
   EXPECT_EQ(cache.droppedEntries(), 2);
   Tarn::Statistics statistics;

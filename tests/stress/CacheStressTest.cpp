@@ -30,6 +30,7 @@
 #include "manager/CacheManager.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
 
 namespace Tarn {
@@ -338,7 +339,7 @@ void Worker::checkInvariants() {
 }
 
 Tarn::Config StressConfig() {
-  Tarn::Config config{};
+  Tarn::Config config = Tarn::ZeroedConfig();
   config.memoryTarget = kTarget;
   config.memorySlack = kSlack;
   config.workerThreads = 3;

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "platform/IoFaultInjection.h"
+#include "support/ZeroedConfig.h"
 
 namespace TarnTest {
 
@@ -13,7 +14,7 @@ void CacheFixture::TearDown() {
 }
 
 Tarn::Config CacheFixture::DefaultConfig() {
-  Tarn::Config config{};
+  Tarn::Config config = Tarn::ZeroedConfig();
   config.memoryTarget = 1 << 30;
   config.memorySlack = 0;
   config.workerThreads = 2;

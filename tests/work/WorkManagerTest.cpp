@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/RaiseSites.h"
+#include "support/ZeroedConfig.h"
 #include "tarn/Exceptions.h"
 
 namespace Tarn {
@@ -66,7 +67,7 @@ class Request : public WorkRequest {
 };
 
 void Start(int32_t workers) {
-  Config config{};
+  Config config = ZeroedConfig();
   config.workerThreads = workers;
   WorkManager::start(config);
 }

@@ -1,0 +1,22 @@
+# Fails unless the first ```cpp block under "## The API in five minutes" in
+# README (-DREADME=) is, line for line, the file EXAMPLE (-DEXAMPLE=).
+file(READ "${README}" readme)
+file(READ "${EXAMPLE}" example)
+string(FIND "${readme}" "## The API in five minutes" section)
+if(section EQUAL -1)
+  message(FATAL_ERROR "README has no '## The API in five minutes' section")
+endif()
+string(SUBSTRING "${readme}" ${section} -1 readme)
+string(FIND "${readme}" "```cpp\n" open)
+if(open EQUAL -1)
+  message(FATAL_ERROR "the tour section has no ```cpp block")
+endif()
+math(EXPR start "${open} + 7")
+string(SUBSTRING "${readme}" ${start} -1 readme)
+string(FIND "${readme}" "```\n" close)
+string(SUBSTRING "${readme}" 0 ${close} snippet)
+if(NOT snippet STREQUAL example)
+  file(WRITE "${CMAKE_CURRENT_BINARY_DIR}/readme_tour_snippet.cpp" "${snippet}")
+  message(FATAL_ERROR "the README's tour differs from ${EXAMPLE}; compare with "
+                      "${CMAKE_CURRENT_BINARY_DIR}/readme_tour_snippet.cpp")
+endif()
