@@ -1,5 +1,6 @@
 #include "manager/CacheManager.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -75,10 +76,22 @@ void CacheManager::releaseSlot(const PrimaryKey& key, PendingList& out) {
 // throw anything: then the object is not kept, the receivers waiting for the
 // key hear failed() (with a non-Pt exception wrapped), and the exception
 // passes on to the caller unchanged.
+void CacheManager::awaitFileRoom(const Cacheable& cacheable) {
+  // The bytes to be written are known only after encode(); the object's
+  // data, when it has some, is the usual measure of them.
+  const Pt::SmartPointer<Buffer>& data = cacheable.getData();
+  fileManager_->awaitRoom(data ? static_cast<uint32_t>(std::max(data->length(), 0)) : 0);
+}
+
 void CacheManager::insert(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
                           const Pt::SmartPointer<Cacheable>& cacheable, int32_t requestId) {
   if (!cacheable) throw std::invalid_argument("Cache::insert: no object");
   factories_->lookup(cacheable->getType());  // the file could not name an unknown type
+  // The application's own insert waits for room in the file before any lock
+  // is taken (a generation waits in its worker, awaitFileRoom); a read's
+  // insert stores nothing new and runs on an I/O thread, which must never
+  // wait for I/O.
+  if (requestId == 0) awaitFileRoom(*cacheable);
   PendingList collected;
   Pt::UniqueLock index(indexLock_);
   CacheSlot* slot = slots_.find(primaryKey);

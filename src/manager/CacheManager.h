@@ -42,9 +42,13 @@ class CacheManager {
   CacheManager(const CacheManager&) = delete;
   CacheManager& operator=(const CacheManager&) = delete;
 
-  // `requestId` 0 inserts for the application; a read or generation passes
-  // the id of the request it completes, and its object is taken only while
-  // that request is still the key's current one.
+  // Holds the caller back, with no lock of this manager held, while the file
+  // has no room for `cacheable` (FileManager::awaitRoom). Never call it on
+  // an I/O thread.
+  void awaitFileRoom(const Cacheable& cacheable);
+  // `requestId` 0 inserts for the application (after awaitFileRoom); a read
+  // or generation passes the id of the request it completes, and its object
+  // is taken only while that request is still the key's current one.
   void insert(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
               const Pt::SmartPointer<Cacheable>& cacheable, int32_t requestId);
   int32_t find(const PrimaryKey& primaryKey, const Pt::SmartPointer<CacheableReceiver>& receiver);

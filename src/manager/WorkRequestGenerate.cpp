@@ -22,6 +22,7 @@ void WorkRequestGenerate::run() {
     // A factory that breaks its promise must not leave receivers waiting.
     throw Pt::Exception(Pt::ExReason{kGenerateNoObjectMessage, kGenerateNoObject.where, 1});
   }
+  manager_->awaitFileRoom(*result);  // on the worker, before any lock
   manager_->insert(primaryKey_, secondaryKey_, result, requestId());
 }
 

@@ -21,7 +21,8 @@
 // budget first erases the least recently used entries (`recency_`; an
 // insert or a read from the file makes an entry the most recent), then waits
 // until their delete headers are durable and their ranges free, and tries
-// again. Nothing left to evict: the file grows past the budget.
+// again (awaitRoom, before the caller takes any lock of the cache manager).
+// Nothing left to evict: the file grows past the budget.
 //
 // An entry goes through stages: Data (its data write is in flight or waits
 // for a sync), Parked (data durable, header waiting for an earlier header of
@@ -139,10 +140,17 @@ class FileManager {
   // Replaces `primaryKeys` with the keys stored under `secondaryKey`, sorted.
   void findPrimaryKeys(const SecondaryKey& secondaryKey, std::vector<PrimaryKey>& primaryKeys);
 
+  // Holds the caller back while 32 MiB of entry writes are queued, and, with
+  // a budget, until the least recently used entries erased to make room for
+  // `length` bytes are free again: so the backlog and the file stay bounded.
+  // It waits for I/O completions, so the caller must hold no lock that a
+  // completion takes (no cache-manager lock) and must not be an I/O thread.
+  void awaitRoom(uint32_t length);
   // Entries. write enters the entry in the tables (visible at once) and
-  // queues its data; the header follows once the data is on disk. While
-  // 32 MiB of entry writes are queued, write waits for some of them to end
-  // before it takes anything, so the backlog stays bounded. It throws
+  // queues its data; the header follows once the data is on disk. It never
+  // waits: with a budget, it evicts what the write needs, and the file may
+  // pass the budget until the evicted ranges come free (awaitRoom first
+  // avoids that). It throws
   // std::invalid_argument for a key already stored or a bad key length,
   // ExFactoryClassNotFound for a type the file does not know, Pt::ExSystem
   // when space or the request cannot be had. Before the queueing nothing is
@@ -251,7 +259,7 @@ class FileManager {
   void dropEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) PT_REQUIRES(lock_);
   void forgetEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) PT_REQUIRES(lock_);
   void enterEntry(const PrimaryKey& primaryKey, const EntryInfo& info) PT_REQUIRES(lock_);
-  void keepWithinBudget(uint64_t want) PT_REQUIRES(lock_);
+  void keepWithinBudget(uint64_t want, bool wait) PT_REQUIRES(lock_);
   bool fitsWithinBudget(uint64_t want) const PT_REQUIRES(lock_);
   bool evictForBudget(uint64_t want) PT_REQUIRES(lock_);
   void keyDeleted(const PrimaryKey& primaryKey) PT_REQUIRES(lock_);

@@ -32,7 +32,6 @@ void FileManager::write(const PrimaryKey& primaryKey, const SecondaryKey& second
   if (length < 0 || (length > 0 && data == nullptr)) {
     throw std::invalid_argument("FileManager::write: no data");
   }
-  operations_.waitForRoom(kWriteBacklogBytes);
   EntryInfo info;
   {
     Pt::MutexLock guard(lock_);
@@ -66,11 +65,7 @@ FileManager::EntryInfo FileManager::reserveEntry(const PrimaryKey& primaryKey,
   // Validates both key lengths before anything is taken.
   EntryHeader header =
       EntryHeader::ForEntry(static_cast<uint16_t>(id), primaryKey, secondaryKey, 0, length, 0);
-  keepWithinBudget(AllocatedLengthFor(length, minAllocation_));
-  // The wait for room let go of the lock: the key may have come meanwhile.
-  if (entries_.count(primaryKey) != 0) {
-    throw std::invalid_argument("FileManager::write: the key is already stored");
-  }
+  keepWithinBudget(AllocatedLengthFor(length, minAllocation_), false);
   FileOperationRef operation =
       operations_.begin(std::max<uint64_t>(length, kMinWriteCharge) + kEntryHeaderSize);
   const uint32_t slot = allocateEntryHeader();
@@ -84,6 +79,12 @@ FileManager::EntryInfo FileManager::reserveEntry(const PrimaryKey& primaryKey,
   enterEntry(primaryKey, info);
   secondaryIndex_.add(secondaryKey, primaryKey);
   return info;
+}
+
+void FileManager::awaitRoom(uint32_t length) {
+  operations_.waitForRoom(kWriteBacklogBytes);
+  Pt::MutexLock guard(lock_);
+  keepWithinBudget(AllocatedLengthFor(length, minAllocation_), true);
 }
 
 void FileManager::entryDataWritten(const PrimaryKey& primaryKey, uint32_t serial,

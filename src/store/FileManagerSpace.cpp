@@ -164,12 +164,14 @@ void FileManager::releaseSpace(uint32_t headerOffset, uint32_t dataOffset,
 
 // Makes room for `want` bytes of data within the budget: while neither a free
 // range nor the room up to the budget can take them, evicts the least
-// recently used entries and waits (releasing the lock) until their ranges are
-// free. When nothing is left to evict, the write grows the file past the
-// budget.
-void FileManager::keepWithinBudget(uint64_t want) {
+// recently used entries and, with `wait`, waits (releasing the lock) until
+// their ranges are free. When nothing is left to evict, the write grows the
+// file past the budget; without `wait`, it does so until the evicted ranges
+// come free.
+void FileManager::keepWithinBudget(uint64_t want, bool wait) {
   while (!fitsWithinBudget(want)) {
     if (evictingBytes_ == 0 && !evictForBudget(want)) return;
+    if (!wait) return;
     if (evictingBytes_ > 0) spaceFreed_.wait_(lock_, -1);
   }
 }

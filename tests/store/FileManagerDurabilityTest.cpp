@@ -63,7 +63,9 @@ class FileManagerDurabilityTest : public testing::TestWithParam<bool> {
     return std::make_unique<FileManager>(dir_.wfile("c.tarn").c_str(), nullptr, config,
                                          TarnTest::FactoriesFor({"tile"}));
   }
+  // As the cache manager writes: room first (no lock held), then the write.
   void write(const std::string& key, size_t length, uint8_t fill = 0xAB) {
+    store_->awaitRoom(static_cast<uint32_t>(length));
     const std::vector<uint8_t> data(length, fill);
     store_->write(Key(key), Tarn::SecondaryKey::FromString("s"), "tile",
                   static_cast<int32_t>(length), data.data());
