@@ -3,7 +3,10 @@
 // It owns the in-memory index (SlotTable), the file store (FileManager) and a
 // reference to the factories, and is one user of the process-wide work
 // manager. Every operation that ends requests collects their receivers under
-// the index lock and calls them after releasing every lock.
+// the index lock and calls them after releasing every lock. A find whose
+// file read the device served at once from the page cache completes that
+// read on its own thread after releasing both locks: decode, the insert and
+// found() run there, as for a memory hit.
 //
 // Locks, outer first: `indexLock_`, then `fileLock_` (taken while the index
 // lock is still held, after which the index lock is released: a thread that
