@@ -118,7 +118,7 @@ class CacheManager {
   std::atomic<int32_t> inserted_{0};
   std::atomic<int32_t> purged_{0};
   std::atomic<int32_t> erased_{0};
-  std::atomic<int32_t> memoryHits_{0};
+  int32_t memoryHits_ PT_GUARDED_BY(indexLock_) = 0;  // counted with the lock held anyway
   std::atomic<int32_t> fileReads_{0};
   std::atomic<int32_t> generated_{0};
 };
@@ -127,6 +127,9 @@ class CacheManager {
 // A receiver that throws does not keep the others from being told: its
 // exception is posted.
 void DeliverFound(const PendingList& receivers, const Pt::SmartPointer<Cacheable>& cacheable);
+// The same for a single receiver, without building a list.
+void DeliverFoundTo(int32_t requestId, const PrimaryKey& key, CacheableReceiver& receiver,
+                    const Pt::SmartPointer<Cacheable>& cacheable);
 void DeliverCancelled(const PendingList& receivers);
 void DeliverFailed(const PendingList& receivers, const Pt::Exception& error);
 

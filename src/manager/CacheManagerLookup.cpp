@@ -42,7 +42,7 @@ int32_t CacheManager::findInMemory(const PrimaryKey& key,
     slots_.touch(*slot);
     const Pt::SmartPointer<Cacheable> cacheable = slot->cacheable;
     index.unlock();
-    DeliverFound(PendingList{{requestId, key, receiver}}, cacheable);
+    DeliverFoundTo(requestId, key, *receiver, cacheable);  // no list: a hit allocates nothing
     return requestId;
   }
   slot->waiting.push_back({requestId, key, receiver});
