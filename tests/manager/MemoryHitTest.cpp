@@ -11,6 +11,9 @@ thread_local long allocationsOnThisThread = 0;
 
 }  // namespace
 
+// GCC takes the replaced pair for a mismatched one when it inlines them.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void* operator new(std::size_t size) {
   ++allocationsOnThisThread;
   if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
@@ -22,6 +25,7 @@ void operator delete(void* block) noexcept {
 void operator delete(void* block, std::size_t /*size*/) noexcept {
   std::free(block);
 }
+#pragma GCC diagnostic pop
 
 namespace {
 
