@@ -6,7 +6,9 @@
 // IoDevice::read or IoDevice::write. The request holds a counted reference on
 // its IoNotify until the request itself is destroyed; the device holds the
 // request until after it has called exactly one of ioCompleted or ioFailed,
-// on one of the platform's I/O threads, never on the thread that queued it.
+// on one of the platform's I/O threads, never on the thread that queued it;
+// except for a read that IoDevice::readNowOrQueue completed at once, which
+// the issuer completes itself.
 #pragma once
 
 #include <cstdint>

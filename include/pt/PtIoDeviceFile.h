@@ -27,6 +27,11 @@ class PtIoDeviceFile : public IoDevice {
   static SmartPointer<PtIoDeviceFile> Create(const wchar_t* path, Flags flags);
 
   void read(const SmartPointer<IoRequest>& request) override;
+  // Tries preadv2(RWF_NOWAIT) on the calling thread when no earlier request
+  // overlaps the read; a read that would block, or comes back short, goes on
+  // asynchronously from where it stopped. Never inline while a fault-injection
+  // rule could apply to reads (tests keep their meaning).
+  bool readNowOrQueue(const SmartPointer<IoRequest>& request) override;
   void write(const SmartPointer<IoRequest>& request) override;
 
   // The file's current length in bytes. Throws Pt::ExSystem.

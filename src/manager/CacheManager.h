@@ -3,7 +3,10 @@
 // It owns the in-memory index (SlotTable), the file store (FileManager) and a
 // reference to the factories, and is one user of the process-wide work
 // manager. Every operation that ends requests collects their receivers under
-// the index lock and calls them after releasing every lock.
+// the index lock and calls them after releasing every lock. A find whose
+// file read the device served at once from the page cache completes that
+// read on its own thread after releasing both locks: decode, the insert and
+// found() run there, as for a memory hit.
 //
 // Locks, outer first: `indexLock_`, then `fileLock_` (taken while the index
 // lock is still held, after which the index lock is released: a thread that
@@ -119,7 +122,7 @@ class CacheManager {
   std::atomic<int32_t> inserted_{0};
   std::atomic<int32_t> purged_{0};
   std::atomic<int32_t> erased_{0};
-  std::atomic<int32_t> memoryHits_{0};
+  int32_t memoryHits_ PT_GUARDED_BY(indexLock_) = 0;  // counted with the lock held anyway
   std::atomic<int32_t> fileReads_{0};
   std::atomic<int32_t> generated_{0};
 };
@@ -128,6 +131,9 @@ class CacheManager {
 // A receiver that throws does not keep the others from being told: its
 // exception is posted.
 void DeliverFound(const PendingList& receivers, const Pt::SmartPointer<Cacheable>& cacheable);
+// The same for a single receiver, without building a list.
+void DeliverFoundTo(int32_t requestId, const PrimaryKey& key, CacheableReceiver& receiver,
+                    const Pt::SmartPointer<Cacheable>& cacheable);
 void DeliverCancelled(const PendingList& receivers);
 void DeliverFailed(const PendingList& receivers, const Pt::Exception& error);
 

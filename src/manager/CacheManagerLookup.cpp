@@ -42,7 +42,7 @@ int32_t CacheManager::findInMemory(const PrimaryKey& key,
     slots_.touch(*slot);
     const Pt::SmartPointer<Cacheable> cacheable = slot->cacheable;
     index.unlock();
-    DeliverFound(PendingList{{requestId, key, receiver}}, cacheable);
+    DeliverFoundTo(requestId, key, *receiver, cacheable);  // no list: a hit allocates nothing
     return requestId;
   }
   slot->waiting.push_back({requestId, key, receiver});
@@ -56,7 +56,9 @@ int32_t CacheManager::findInMemory(const PrimaryKey& key,
 
 // With both locks held and the key not indexed. Returns 0 (locks still held)
 // when the file does not hold the key; otherwise starts its read, releasing
-// both locks. Racing lookups start one read: the second finds the slot.
+// both locks; a read that the device served at once from the page cache is
+// completed after that, on this thread. Racing lookups start one read: the
+// second finds the slot.
 int32_t CacheManager::findInFile(const PrimaryKey& key,
                                  const Pt::SmartPointer<CacheableReceiver>& receiver,
                                  Pt::UniqueLock& index, Pt::UniqueLock& file) {
@@ -66,8 +68,9 @@ int32_t CacheManager::findInFile(const PrimaryKey& key,
   slot->waiting.push_back({requestId, key, receiver});
   slot->state = SlotState::Reading;
   index.unlock();
+  FileManager::CompletedRead completed;
   try {
-    fileManager_->read(key, requestId);
+    completed = fileManager_->read(key, requestId);
   } catch (...) {
     // The read was never queued (a damaged entry, a type without a factory,
     // a refused request): whoever joined meanwhile hears failed() too.
@@ -78,6 +81,9 @@ int32_t CacheManager::findInFile(const PrimaryKey& key,
   }
   file.unlock();
   ++fileReads_;
+  // A read served from the page cache completes here, with no lock held:
+  // decode, the insert and the receivers' found run on this thread.
+  completed.complete();
   return requestId;
 }
 

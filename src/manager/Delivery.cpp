@@ -15,19 +15,23 @@ void PostForeign(const char* what) {
   Pt::Exception::Post(Pt::Exception(Pt::ExReason{message.c_str(), kReceiverThrew.where, 1}));
 }
 
+// Runs one receiver's call; what it throws is posted.
+template <class Call>
+void Guarded(Call call) {
+  try {
+    call();
+  } catch (const Pt::Exception& escaped) {
+    Pt::Exception::Post(escaped);
+  } catch (const std::exception& escaped) {
+    PostForeign(escaped.what());
+  } catch (...) {
+    PostForeign("(a value that is not a std::exception)");
+  }
+}
+
 template <class Call>
 void CallEach(const PendingList& receivers, Call call) {
-  for (const PendingReceiver& pending : receivers) {
-    try {
-      call(pending);
-    } catch (const Pt::Exception& escaped) {
-      Pt::Exception::Post(escaped);
-    } catch (const std::exception& escaped) {
-      PostForeign(escaped.what());
-    } catch (...) {
-      PostForeign("(a value that is not a std::exception)");
-    }
-  }
+  for (const PendingReceiver& pending : receivers) Guarded([&] { call(pending); });
 }
 
 }  // namespace
@@ -36,6 +40,11 @@ void DeliverFound(const PendingList& receivers, const Pt::SmartPointer<Cacheable
   CallEach(receivers, [&](const PendingReceiver& pending) {
     pending.receiver->found(pending.requestId, pending.key, cacheable);
   });
+}
+
+void DeliverFoundTo(int32_t requestId, const PrimaryKey& key, CacheableReceiver& receiver,
+                    const Pt::SmartPointer<Cacheable>& cacheable) {
+  Guarded([&] { receiver.found(requestId, key, cacheable); });
 }
 
 void DeliverCancelled(const PendingList& receivers) {

@@ -4,6 +4,11 @@
 // A request's way through the device:
 //   queue    -> admitted to the sequencer; started at once unless an earlier
 //               overlapping request is still running
+//   inline   -> (queueReadNow only, a read started at once) preadv2 with
+//               RWF_NOWAIT on the calling thread; when it delivers every
+//               byte the request is retired there, without a callback, and
+//               the caller completes it; otherwise it goes on to dispatch,
+//               continuing from the bytes it got
 //   dispatch -> fault-injection seam (tests), then the engine
 //   finish   -> (engine thread) retired from the sequencer, which may start
 //               waiting successors; then the callback; then released
@@ -29,6 +34,7 @@
 // DeviceRequestCompleted (TestPoint.h) and the write/flush trace (IoTrace.h).
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -49,6 +55,9 @@ class DeviceCore {
   DeviceCore& operator=(const DeviceCore&) = delete;
 
   void queue(const SmartPointer<IoRequest>& request, IoKind kind);
+  // queue for a read, trying it on the calling thread first. True when the
+  // read completed there (no callback follows).
+  bool queueReadNow(const SmartPointer<IoRequest>& request);
   // Called once per request on an engine thread. May destroy this object.
   static void Finish(IoRequest* request, int error);
 
@@ -64,6 +73,10 @@ class DeviceCore {
  private:
   friend struct DeviceCoreTestAccess;  // tests break the structure on purpose
 
+  // Admits `request` to the sequencer; true when it may start now.
+  bool admit(const SmartPointer<IoRequest>& request, IoKind kind) PT_EXCLUDES(mutex_);
+  bool readNow(IoRequest* request);
+  void finishNow(IoRequest* request);
   static void Dispatch(IoRequest* request);
   static void Deliver(IoRequest& request, int error);
   void retire(IoRequest* request, std::vector<IoRequest*>& ready) PT_EXCLUDES(mutex_);
@@ -73,6 +86,8 @@ class DeviceCore {
 
   PtIoDeviceFile* owner_;
   int fd_;
+  // Cleared for good when the file refuses RWF_NOWAIT.
+  std::atomic<bool> nowaitReads_{true};
 
   PlainMutex mutex_;
   RequestSequencer sequencer_ PT_GUARDED_BY(mutex_);

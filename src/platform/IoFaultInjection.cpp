@@ -163,6 +163,16 @@ int IoFaultInjection::RingSetupError() {
   return state.ringSetupError;
 }
 
+bool IoFaultInjection::MayIntercept(Kind kind) {
+  InjectionState& state = State();
+  PlainLock guard(state.mutex);
+  for (const ActiveRule& active : state.rules) {
+    const Rule& rule = active.rule;
+    if (rule.count != 0 && (rule.kind == kind || rule.kind == Kind::Any)) return true;
+  }
+  return false;
+}
+
 bool IoFaultInjection::Intercept(IoRequest* request) {
   InjectionState& state = State();
   PlainLock guard(state.mutex);

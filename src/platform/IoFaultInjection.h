@@ -87,6 +87,9 @@ class IoFaultInjection {
 
   // Used by the platform.
   static bool Armed() noexcept { return armed_.load(std::memory_order_relaxed); }
+  // Whether some rule may still fire on a request of `kind` (Read or
+  // Write). A device that would bypass its engine asks first.
+  static bool MayIntercept(Kind kind);
   // Applies the rules to a request about to start; true when it is held.
   static bool Intercept(IoRequest* request);
 

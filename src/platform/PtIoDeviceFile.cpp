@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,6 +52,10 @@ void PtIoDeviceFile::read(const SmartPointer<IoRequest>& request) {
   core_->queue(request, IoKind::Read);
 }
 
+bool PtIoDeviceFile::readNowOrQueue(const SmartPointer<IoRequest>& request) {
+  return core_->queueReadNow(request);
+}
+
 void PtIoDeviceFile::write(const SmartPointer<IoRequest>& request) {
   core_->queue(request, IoKind::Write);
 }
@@ -80,6 +85,21 @@ DeviceCore::~DeviceCore() {
 }
 
 void DeviceCore::queue(const SmartPointer<IoRequest>& request, IoKind kind) {
+  if (admit(request, kind)) Dispatch(request.get());
+}
+
+bool DeviceCore::queueReadNow(const SmartPointer<IoRequest>& request) {
+  if (!admit(request, IoKind::Read)) return false;  // waits for an overlapping request
+  IoRequest* raw = request.get();
+  if (!readNow(raw)) {
+    Dispatch(raw);
+    return false;
+  }
+  finishNow(raw);
+  return true;
+}
+
+bool DeviceCore::admit(const SmartPointer<IoRequest>& request, IoKind kind) {
   if (!request || request->offset() < 0 ||
       request->offset() > std::numeric_limits<int64_t>::max() - request->length()) {
     throw ExSystem(EINVAL, kRaiseDeviceRequest);
@@ -96,15 +116,49 @@ void DeviceCore::queue(const SmartPointer<IoRequest>& request, IoKind kind) {
   state.fd = fd_;
   state.kind = kind;
   state.transferred = 0;
-  bool startNow;
-  {
-    PlainLock guard(mutex_);
-    state.flushEpoch = baseEpoch_ + epochCounts_.size() - 1;
-    ++epochCounts_.back();
-    startNow = sequencer_.admit(raw, raw->offset(), raw->offset() + raw->length());
-    PT_DEBUG_CHECK(sequencer_.liveCount(), invariantsHold());
+  PlainLock guard(mutex_);
+  state.flushEpoch = baseEpoch_ + epochCounts_.size() - 1;
+  ++epochCounts_.back();
+  const bool startNow = sequencer_.admit(raw, raw->offset(), raw->offset() + raw->length());
+  PT_DEBUG_CHECK(sequencer_.liveCount(), invariantsHold());
+  return startNow;
+}
+
+// One preadv2(RWF_NOWAIT) of the whole range, on the calling thread. True
+// when it got every byte; otherwise the bytes it got count as a first
+// transfer that the engine continues.
+bool DeviceCore::readNow(IoRequest* request) {
+  if (!nowaitReads_.load(std::memory_order_relaxed) || request->length() == 0) return false;
+  if (IoFaultInjection::Armed() && IoFaultInjection::MayIntercept(IoFaultInjection::Kind::Read)) {
+    return false;
   }
-  if (startNow) Dispatch(raw);
+  iovec vector{request->data(), static_cast<size_t>(request->length())};
+  const ssize_t got = ::preadv2(fd_, &vector, 1, request->offset(), RWF_NOWAIT);
+  if (got < 0) {
+    // Files that refuse the flag refuse it every time: stop asking.
+    if (errno == EOPNOTSUPP || errno == EINVAL || errno == ENOSYS) {
+      nowaitReads_.store(false, std::memory_order_relaxed);
+    }
+    return false;
+  }
+  IoRequestAccess::state(*request).transferred = static_cast<int>(got);
+  return got == request->length();
+}
+
+// The end of a read done on the calling thread: Finish without the callback.
+void DeviceCore::finishNow(IoRequest* request) {
+  RequestState& state = IoRequestAccess::state(*request);
+  TestPoint::Signal(TestPoint::Id::DeviceRequestEntered, fd_, request->offset());
+  TestPoint::Signal(TestPoint::Id::DeviceRequestCompleted, fd_, request->offset());
+  IoRequestAccess::setByteCount(*request, state.transferred);
+  std::vector<IoRequest*> ready;  // allocates only when successors wait
+  retire(request, ready);
+  for (IoRequest* successor : ready) Dispatch(successor);
+  state.device = nullptr;
+  PtIoDeviceFile* owner = owner_;
+  request->decRefCount();  // the caller's reference keeps it
+  owner->decRefCount();    // may destroy the device
+  RequestEnded();
 }
 
 void DeviceCore::Dispatch(IoRequest* request) {

@@ -170,11 +170,34 @@ class FileManager {
   void failDelete(const FileDeleteEntryReceiver::Target& target);
   void extentWritten(uint32_t location, const FileOperationRef& operation);
   void failExtent(uint32_t location);
-  // Queues the read of the entry's data for request `requestId`; its
+  // A read of entry data that completed on the thread that asked for it
+  // (its bytes were in the page cache). Nothing of it has run yet: whoever
+  // asked calls complete() once it holds none of its own locks, and only
+  // then are the object decoded, handed to the owner's insert and the
+  // receivers told, on that thread. Empty when the read went to an I/O
+  // thread, which completes it there.
+  class CompletedRead {
+   public:
+    CompletedRead() = default;
+    explicit CompletedRead(Pt::SmartPointer<Pt::IoRequest> request)
+        : request_(std::move(request)) {}
+    explicit operator bool() const { return static_cast<bool>(request_); }
+    void complete() {
+      if (const Pt::SmartPointer<Pt::IoRequest> request = std::move(request_)) {
+        request->notify()->ioCompleted(*request);
+      }
+    }
+
+   private:
+    Pt::SmartPointer<Pt::IoRequest> request_;
+  };
+  // Starts the read of the entry's data for request `requestId`; its
   // completion hands the rebuilt object to the owner's insert, or fails the
-  // request. Throws ExFactoryClassNotFound when no factory serves the
-  // entry's type, Pt::ExSystem when the read cannot be queued.
-  void read(const PrimaryKey& primaryKey, int32_t requestId);
+  // request. A read served at once from the page cache comes back to be
+  // completed by the caller; otherwise it completes on an I/O thread. Throws
+  // ExFactoryClassNotFound when no factory serves the entry's type,
+  // Pt::ExSystem when the read cannot be queued.
+  [[nodiscard]] CompletedRead read(const PrimaryKey& primaryKey, int32_t requestId);
   // Takes the entry out of the tables; its delete header is queued now, or
   // when its own write is settled. False when the store does not hold it.
   bool erase(const PrimaryKey& primaryKey);

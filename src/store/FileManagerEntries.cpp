@@ -309,7 +309,7 @@ void FileManager::keyDeleted(const PrimaryKey& primaryKey) {
   issueHeaderOrPark(primaryKey, entry->second.serial);
 }
 
-void FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
+FileManager::CompletedRead FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
   EntryHeader header;
   std::string type;
   uint32_t serial = 0;
@@ -324,10 +324,11 @@ void FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
   }
   // A stored type without a factory cannot be rebuilt: the lookup throws.
   const Pt::SmartPointer<CacheableFactory>& factory = factories_->lookup(type);
-  FileReadEntryReceiver::Queue(*device_, header,
-                               Pt::SmartPointer<FileReadEntryReceiver>(new FileReadEntryReceiver(
-                                   owner_, this, serial, factory, primaryKey,
-                                   header.secondaryKeyValue(), requestId, operations_.begin())));
+  return CompletedRead(FileReadEntryReceiver::Queue(
+      *device_, header,
+      Pt::SmartPointer<FileReadEntryReceiver>(
+          new FileReadEntryReceiver(owner_, this, serial, factory, primaryKey,
+                                    header.secondaryKeyValue(), requestId, operations_.begin()))));
 }
 
 }  // namespace Tarn

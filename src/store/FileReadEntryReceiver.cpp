@@ -33,8 +33,9 @@ FileReadEntryReceiver::FileReadEntryReceiver(CacheManager* manager, FileManager*
       secondaryKey_(secondaryKey),
       requestId_(requestId) {}
 
-void FileReadEntryReceiver::Queue(Pt::IoDevice& device, const EntryHeader& header,
-                                  const Pt::SmartPointer<FileReadEntryReceiver>& receiver) {
+Pt::SmartPointer<Pt::IoRequest> FileReadEntryReceiver::Queue(
+    Pt::IoDevice& device, const EntryHeader& header,
+    const Pt::SmartPointer<FileReadEntryReceiver>& receiver) {
   // A damaged header is refused before anything is allocated: its length
   // could ask for gigabytes, or for bytes of a neighbouring entry.
   if (header.dataLength > header.allocatedLength || header.dataLength > kMaxReadLength) {
@@ -43,7 +44,8 @@ void FileReadEntryReceiver::Queue(Pt::IoDevice& device, const EntryHeader& heade
   const auto request = Pt::IoRequest::Create(receiver.get(), static_cast<int>(header.dataLength),
                                              Pt::IoRequest::Normal);
   request->setOffset(header.dataOffset);
-  device.read(request);
+  if (device.readNowOrQueue(request)) return request;
+  return {};
 }
 
 void FileReadEntryReceiver::ioCompleted(Pt::IoRequest& request) {

@@ -31,14 +31,16 @@ class FileReadEntryReceiver : public FileReceiverBase {
                         int32_t requestId, FileOperationRef operation);
 
   // Queues on `device` the read of the data that `header` records, to
-  // complete on `receiver`. Throws ExFileReadEntry (kReadEntryDamaged) for a
-  // header whose data length exceeds its allocation or the largest request
-  // the device takes, and whatever the request's creation or queueing
-  // throws. On a throw nothing is queued and the caller's reference is the
-  // receiver's last, so dropping it ends the receiver: a failed queueing
+  // complete on `receiver`. Returns the request when the device carried it
+  // out at once (IoDevice::readNowOrQueue): the caller then completes it
+  // with ioCompleted once it holds no lock; else null. Throws ExFileReadEntry (kReadEntryDamaged)
+  // for a header whose data length exceeds its allocation or the largest request the device takes,
+  // and whatever the request's creation or queueing throws. On a throw nothing is queued and the
+  // caller's reference is the receiver's last, so dropping it ends the receiver: a failed queueing
   // never leaves the process-wide count of pending receivers raised.
-  static void Queue(Pt::IoDevice& device, const EntryHeader& header,
-                    const Pt::SmartPointer<FileReadEntryReceiver>& receiver);
+  static Pt::SmartPointer<Pt::IoRequest> Queue(
+      Pt::IoDevice& device, const EntryHeader& header,
+      const Pt::SmartPointer<FileReadEntryReceiver>& receiver);
 
   void ioCompleted(Pt::IoRequest& request) override;
   void ioFailed(Pt::IoRequest& request, const Pt::Exception& cause) override;

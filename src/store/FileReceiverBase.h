@@ -9,7 +9,10 @@
 // stays open across the whole chain and commit() and the store's destructor
 // wait for chains as a whole.
 //
-// Thread-safety: receivers are called on I/O threads.
+// Thread-safety: receivers are called on I/O threads, except the receiver of
+// a read that the device served at once (FileManager::CompletedRead): that
+// one runs on the thread that asked for the read, once it holds no lock of
+// the cache manager.
 #pragma once
 
 #include "pt/IoRequest.h"

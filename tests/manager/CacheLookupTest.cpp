@@ -1,6 +1,8 @@
 // find and findCreate: served from memory, by joining a request in progress,
 // from the file, or by generation; and every way each of them can fail.
+#include <chrono>
 #include <cstdio>
+#include <future>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -44,6 +46,48 @@ TEST_F(CacheLookupTest, MemoryHitIsDeliveredBeforeFindReturns) {
   EXPECT_EQ(stats().memoryHits, 1);
   EXPECT_EQ(cache_->find(Key("never"), receiver.get()), 0);
   EXPECT_EQ(receiver->count(), 1u);
+}
+
+// A file entry whose bytes are in the page cache is read on the finding
+// thread: found() arrives before find returns, and with no lock of the cache
+// held, so that another thread can look up and read meanwhile (it would hang
+// on a held lock: found gives up waiting for it after a generous while).
+TEST_F(CacheLookupTest, CachedFileReadIsFoundOnTheCallingThreadWithNoLockHeld) {
+  open();
+  insert("a", 100);
+  insert("b", 100);
+  open();  // reopens: both entries in the file only, their bytes in the page cache
+  struct Probing : RecordingReceiver {
+    void found(int requestId, const Tarn::CacheKey<32>& key,
+               const Pt::SmartPointer<Tarn::Cacheable>& cacheable) override {
+      prober = std::thread([this] {
+        const Receiver other(new RecordingReceiver);
+        cache->find(Key("b"), other.get());
+        probeFound = other->waitFor(1) && other->calls()[0].kind == ReceiverCall::Found &&
+                     cache->isCached(Key("a"));
+        probeEnded.set_value();
+      });
+      probeEndedInTime =
+          probeEnded.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+      RecordingReceiver::found(requestId, key, cacheable);
+    }
+    Tarn::Cache* cache = nullptr;
+    std::thread prober;  // joined by the test once find has returned
+    std::promise<void> probeEnded;
+    bool probeEndedInTime = false, probeFound = false;
+  };
+  const Pt::SmartPointer<Probing> receiver(new Probing);
+  receiver->cache = cache_.get();
+  const int id = cache_->find(Key("a"), receiver.get());
+  ASSERT_EQ(receiver->count(), 1u);  // already, on this thread
+  receiver->prober.join();
+  const ReceiverCall call = receiver->calls()[0];
+  EXPECT_EQ(std::tuple(call.kind, call.requestId, call.thread),
+            std::tuple(ReceiverCall::Found, id, std::this_thread::get_id()));
+  EXPECT_EQ(call.cacheable->getData()->length(), 100);
+  EXPECT_TRUE(receiver->probeEndedInTime);
+  EXPECT_TRUE(receiver->probeFound);
+  EXPECT_EQ(stats().fileReads, 2);
 }
 
 TEST_F(CacheLookupTest, RacingFindsOfAFileEntryShareOneRead) {

@@ -300,6 +300,62 @@ TEST_P(DeviceTest, OpenFailsWithErrnoAndAcceptsNonAsciiPaths) {
   EXPECT_EQ(PtIoDeviceFile::Create(name.c_str(), PtIoDeviceFile::ReadOnly)->length(), 5);
 }
 
+// A read of bytes in the page cache completes on the calling thread, with no
+// callback, unless a fault-injection rule could apply to reads: then it takes
+// the engine's way like any read.
+TEST_P(DeviceTest, ReadNowOrQueueServesCachedBytesOnTheCallingThread) {
+  auto writes = Recorder();
+  device_->write(Request(writes, 4096, 8192, 0x5A));
+  ASSERT_TRUE(writes->waitFor(1));
+  const struct {
+    const char* what;
+    IoFaultInjection::Kind ruleKind;  // Write: a rule that never matches a read
+    bool inlineExpected;
+  } cases[] = {
+      {"no rule for reads", IoFaultInjection::Kind::Write, true},
+      {"a rule for reads", IoFaultInjection::Kind::Read, false},
+      {"a rule for any request", IoFaultInjection::Kind::Any, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    IoFaultInjection::Add({.action = Action::Transient, .kind = c.ruleKind, .count = -1});
+    auto recorder = Recorder();
+    const SmartPointer<IoRequest> request = Request(recorder, 4096, 8192);
+    EXPECT_EQ(device_->readNowOrQueue(request), c.inlineExpected);
+    device_->flush();  // every queued request has completed
+    if (c.inlineExpected) {
+      EXPECT_TRUE(recorder->events().empty());
+      EXPECT_EQ(request->byteCount(), 8192);
+      EXPECT_EQ(Bytes(request->data(), request->data() + 8192), Bytes(8192, 0x5A));
+    } else {
+      ASSERT_TRUE(recorder->waitFor(1));
+      EXPECT_NE(recorder->events()[0].thread, std::this_thread::get_id());
+      EXPECT_EQ(recorder->events()[0].data, Bytes(8192, 0x5A));
+    }
+    IoFaultInjection::Clear();
+  }
+}
+
+// A read queued behind an unfinished overlapping write is never served on
+// the calling thread ahead of it: it waits, and then sees the write. A read
+// that overlaps nothing is served at once meanwhile.
+TEST_P(DeviceTest, ReadNowOrQueueWaitsBehindAnOverlappingWrite) {
+  IoFaultInjection::Add({.action = Action::HoldBack, .kind = IoFaultInjection::Kind::Write});
+  auto held = Recorder(1), behind = Recorder(2), apart = Recorder(3);
+  device_->write(Request(held, 0, 4096, 7));
+  ASSERT_TRUE(IoFaultInjection::WaitHeld(1));
+  EXPECT_FALSE(device_->readNowOrQueue(Request(behind, 100, 10)));
+  const SmartPointer<IoRequest> apartRead = Request(apart, 8192, 16, 0xEE);
+  EXPECT_TRUE(device_->readNowOrQueue(apartRead));
+  EXPECT_EQ(Bytes(apartRead->data(), apartRead->data() + 16), Bytes(16, 0));
+  EXPECT_TRUE(held->events().empty() && behind->events().empty());
+  IoFaultInjection::ReleaseHeld();
+  ASSERT_TRUE(behind->waitFor(1));
+  EXPECT_EQ(behind->events()[0].data, Bytes(10, 7));
+  EXPECT_TRUE(held->waitFor(1));
+  EXPECT_TRUE(apart->events().empty());
+}
+
 INSTANTIATE_TEST_SUITE_P(Engines, DeviceTest,
                          testing::Values(Pt::IoEngineKind::IoUring, Pt::IoEngineKind::ThreadPool),
                          [](const testing::TestParamInfo<Pt::IoEngineKind>& info) {
