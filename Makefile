@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 
-.PHONY: deps build run test stress crashtest soak bench asan tsan fuzz clean
+.PHONY: deps build run test stress crashtest soak bench asan tsan fuzz clean compare
 
 deps:
 	@missing=""; \
@@ -73,6 +73,26 @@ fuzz: deps
 	$(FUZZ_DIR)/fuzz/tarn_fuzz_seeds $(FUZZ_DIR)/seeds
 	$(FUZZ_DIR)/fuzz/tarn_fuzz_loader -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
 	  -artifact_prefix=$(FUZZ_DIR)/artifacts/ $(FUZZ_DIR)/corpus $(FUZZ_DIR)/seeds
+
+# Tarn against LMDB and RocksDB on the same workload (bench/compare, a CMake
+# project of its own: nothing else in the tree depends on those libraries).
+# Installs them and gnuplot from Debian's packages, then runs every library
+# three times interleaved; the table goes to the terminal, the CSV and the
+# bar chart to build/compare/results.
+COMPARE_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev liblmdb-dev librocksdb-dev gnuplot-nox
+compare:
+	@missing=""; \
+	for p in $(COMPARE_PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:$$missing"; \
+	  SUDO=""; [ "$$(id -u)" -ne 0 ] && SUDO=sudo; \
+	  $$SUDO apt-get update -qq && DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+	cmake -S bench/compare -B build/compare -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build build/compare -j $(JOBS) --target tarn_compare
+	./build/compare/tarn_compare --out build/compare/results --runs 3
 
 clean:
 	rm -rf build
