@@ -1,6 +1,9 @@
 // Runs each library in a process of its own (so that none inherits another's
 // page cache state in its heap or threads), the runs interleaved, and reports
-// the median of the runs with their spread ((max - min) / median).
+// the median of the runs with their spread ((max - min) / median). A run
+// that fails or hangs (it is stopped after kRunLimitSeconds) loses the phases it
+// had not reported; the others are reported, marked when they have fewer
+// runs than asked.
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -24,6 +27,7 @@ struct ObjectSize {
 };
 
 constexpr ObjectSize kSizes[] = {{1024, 100'000, "1 KiB", "1k"}, {65536, 10'000, "64 KiB", "64k"}};
+constexpr int kRunLimitSeconds = 180;
 const std::vector<std::string> kLibraries = {"tarn", "lmdb", "rocksdb", "pread"};
 const std::vector<std::string> kShown = {"Tarn", "LMDB", "RocksDB", "pread"};
 const std::vector<std::string> kPhases = {"load", "reopen", "cold", "hot", "get-or-create"};
@@ -37,6 +41,7 @@ using Results = std::map<std::tuple<size_t, std::string, std::string>, std::vect
 
 struct Figure {
   double median = 0, low = 0, high = 0;
+  size_t runs = 0;
   bool present() const { return median > 0; }
   double spread() const { return median > 0 ? (high - low) / median : 0; }
 };
@@ -47,7 +52,7 @@ Figure FigureOf(const Results& results, size_t size, const std::string& phase,
   if (found == results.end() || found->second.empty()) return {};
   std::vector<double> runs = found->second;
   std::sort(runs.begin(), runs.end());
-  return {runs[runs.size() / 2], runs.front(), runs.back()};
+  return {runs[runs.size() / 2], runs.front(), runs.back(), runs.size()};
 }
 
 double TarnToBest(const Results& results, size_t size, const std::string& phase) {
@@ -62,13 +67,14 @@ std::string Grouped(double value) {
   return digits;
 }
 
-void RunOne(const std::string& self, const std::string& library, size_t size,
+// Returns false when the run failed or was stopped.
+bool RunOne(const std::string& self, const std::string& library, size_t size,
             const ObjectSize& objects, const std::string& data, Results& results) {
   std::filesystem::remove_all(data);
   std::filesystem::create_directories(data);
-  const std::string command = "'" + self + "' --worker " + library + " " +
-                              std::to_string(objects.bytes) + " " +
-                              std::to_string(objects.objects) + " '" + data + "'";
+  const std::string command = "timeout --kill-after=5 " + std::to_string(kRunLimitSeconds) + " '" +
+                              self + "' --worker " + library + " " + std::to_string(objects.bytes) +
+                              " " + std::to_string(objects.objects) + " '" + data + "'";
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) Fail("popen");
   char phase[64];
@@ -78,10 +84,13 @@ void RunOne(const std::string& self, const std::string& library, size_t size,
   }
   const int status = pclose(pipe);
   std::filesystem::remove_all(data);
-  if (status != 0) Fail(library + " failed (" + objects.label + ")");
+  if (status == 0) return true;
+  std::fprintf(stderr, "compare: %s failed or hung (%s objects, exit status %d)\n", library.c_str(),
+               objects.label, WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+  return false;
 }
 
-void PrintTable(const Results& results, size_t size, uint32_t objects) {
+void PrintTable(const Results& results, size_t size, uint32_t objects, int runs) {
   std::printf("\n%s objects, %s of them; ops/s, median of the runs (spread)\n", kSizes[size].label,
               Grouped(objects).c_str());
   std::printf("%-38s", "phase");
@@ -93,8 +102,8 @@ void PrintTable(const Results& results, size_t size, uint32_t objects) {
       const Figure figure = FigureOf(results, size, kPhases[p], library);
       char cell[64] = "-";
       if (figure.present()) {
-        std::snprintf(cell, sizeof cell, "%s (%.0f%%)", Grouped(figure.median).c_str(),
-                      100 * figure.spread());
+        std::snprintf(cell, sizeof cell, "%s (%.0f%%)%s", Grouped(figure.median).c_str(),
+                      100 * figure.spread(), figure.runs < static_cast<size_t>(runs) ? "*" : "");
       }
       std::printf("%20s", cell);
     }
@@ -109,7 +118,7 @@ void PrintTable(const Results& results, size_t size, uint32_t objects) {
 
 void WriteCsv(const Results& results, const std::string& path) {
   std::ofstream csv(path);
-  csv << "object_bytes,objects,phase,library,median_ops_per_s,min_ops_per_s,max_ops_per_s,"
+  csv << "object_bytes,objects,phase,library,median_ops_per_s,min_ops_per_s,max_ops_per_s,runs,"
          "tarn_to_best\n";
   for (size_t size = 0; size < std::size(kSizes); ++size) {
     for (const auto& phase : kPhases) {
@@ -117,8 +126,8 @@ void WriteCsv(const Results& results, const std::string& path) {
         const Figure figure = FigureOf(results, size, phase, library);
         if (!figure.present()) continue;
         csv << kSizes[size].bytes << ',' << kSizes[size].objects << ',' << phase << ',' << library
-            << ',' << figure.median << ',' << figure.low << ',' << figure.high << ','
-            << TarnToBest(results, size, phase) << '\n';
+            << ',' << figure.median << ',' << figure.low << ',' << figure.high << ',' << figure.runs
+            << ',' << TarnToBest(results, size, phase) << '\n';
       }
     }
   }
@@ -159,6 +168,7 @@ int RunDriver(const std::string& self, const std::string& outFolder, int runs, u
   std::filesystem::create_directories(outFolder);
   const std::string out = std::filesystem::canonical(outFolder).string();
   Results results;
+  int failures = 0;
   for (int run = 0; run < runs; ++run) {
     for (size_t size = 0; size < std::size(kSizes); ++size) {
       ObjectSize objects = kSizes[size];
@@ -168,17 +178,20 @@ int RunDriver(const std::string& self, const std::string& outFolder, int runs, u
         const std::string& library = kLibraries[(i + run) % kLibraries.size()];
         std::fprintf(stderr, "run %d of %d: %s, %s objects\n", run + 1, runs, library.c_str(),
                      objects.label);
-        RunOne(self, library, size, objects, out + "/data", results);
+        if (!RunOne(self, library, size, objects, out + "/data", results)) ++failures;
       }
     }
   }
   for (size_t size = 0; size < std::size(kSizes); ++size) {
-    PrintTable(results, size, kSizes[size].objects / divisor);
+    PrintTable(results, size, kSizes[size].objects / divisor, runs);
+  }
+  if (failures > 0) {
+    std::printf("\n* fewer runs than asked: %d run(s) failed or hung (see above)\n", failures);
   }
   WriteCsv(results, out + "/compare.csv");
   WriteChart(results, out);
   std::printf("\nWrote %s/compare.csv and %s/compare.png\n", out.c_str(), out.c_str());
-  return 0;
+  return failures > 0 ? 1 : 0;
 }
 
 }  // namespace Compare
