@@ -27,7 +27,7 @@ struct ObjectSize {
 };
 
 constexpr ObjectSize kSizes[] = {{1024, 100'000, "1 KiB", "1k"}, {65536, 10'000, "64 KiB", "64k"}};
-constexpr int kRunLimitSeconds = 180;
+constexpr int kRunLimitSeconds = 60;
 const std::vector<std::string> kLibraries = {"tarn", "lmdb", "rocksdb", "pread"};
 const std::vector<std::string> kShown = {"Tarn", "LMDB", "RocksDB", "pread"};
 const std::vector<std::string> kPhases = {"load", "reopen", "cold", "hot", "get-or-create"};
