@@ -11,7 +11,7 @@ namespace {
 // Offsets and lengths travel as signed 32-bit values beyond the open.
 constexpr uint64_t kLengthLimit = uint64_t{1} << 31;
 
-constexpr uint32_t kNoSlot = UINT32_MAX;  // an empty place of the key table
+constexpr uint64_t kNoPlace = UINT64_MAX;  // an empty place of the key table
 
 // A key's significant bytes; a kept entry has zeros behind its key's length,
 // but only the significant bytes take part, as in a comparison of keys.
@@ -134,16 +134,21 @@ bool EntrySalvage::dropOverlaps() {
 void EntrySalvage::dropDuplicates() {
   size_t capacity = 16;
   while (capacity < slots_.size() + slots_.size() / 2) capacity *= 2;
-  std::vector<uint32_t> table(capacity, kNoSlot);
+  // Each place holds a slot index and the high half of its key's hash, so
+  // that a probe reads the slot's header only when the hashes agree.
+  std::vector<uint64_t> table(capacity, kNoPlace);
   for (size_t i = 0; i < slots_.size(); ++i) {
     const EntryHeader& header = slots_[i].header;
     if (slots_[i].dropped) continue;
-    for (size_t at = KeyHash(header) & (capacity - 1);; at = (at + 1) & (capacity - 1)) {
-      if (table[at] == kNoSlot) {
-        table[at] = static_cast<uint32_t>(i);
+    const uint64_t hash = KeyHash(header);
+    const uint64_t place = (hash & ~uint64_t{UINT32_MAX}) | i;
+    for (size_t at = hash & (capacity - 1);; at = (at + 1) & (capacity - 1)) {
+      if (table[at] == kNoPlace) {
+        table[at] = place;
         break;
       }
-      if (SameKey(slots_[table[at]].header, header)) {
+      if ((table[at] ^ place) >> 32 == 0 &&
+          SameKey(slots_[table[at] & UINT32_MAX].header, header)) {
         drop(static_cast<int64_t>(i), DropReason::DuplicateKey);
         break;
       }
