@@ -23,7 +23,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 
-.PHONY: deps configure build run test stress crashtest soak bench asan tsan fuzz docs deb consumer clean
+.PHONY: deps configure build run test stress crashtest soak bench asan tsan fuzz docs deb consumer clean compare
 
 # Installs whichever of the packages given are missing (apt, with sudo when
 # not root).
@@ -128,6 +128,18 @@ deb:
 	  if [ -e ../$$f ]; then mv ../$$f build/deb/; fi; \
 	done; \
 	lintian --fail-on error,warning build/deb/tarn_$${version}_$${arch}.changes
+
+# Tarn against LMDB and RocksDB on the same workload (bench/compare, a CMake
+# project of its own: nothing else in the tree depends on those libraries).
+# Installs them and gnuplot from Debian's packages, then runs every library
+# three times interleaved; the table goes to the terminal, the CSV and the
+# bar chart to build/compare/results.
+COMPARE_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev zlib1g-dev liblmdb-dev librocksdb-dev gnuplot-nox
+compare:
+	$(call apt_install,$(COMPARE_PACKAGES))
+	cmake -S bench/compare -B build/compare -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build build/compare -j $(JOBS) --target tarn_compare
+	./build/compare/tarn_compare --out build/compare/results --runs 3
 
 clean:
 	rm -rf build

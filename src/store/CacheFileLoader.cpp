@@ -178,6 +178,7 @@ uint32_t LoadRun::loadExtent(uint32_t location, const ExtentHeader& extent) {
 void LoadRun::collectSlots(const ExtentHeader& extent) {
   const uint8_t* slot = slots_.data();
   uint32_t slotOffset = extent.entriesOffset;
+  salvage_->reserveSlots(extent.entryCount);
   for (uint32_t i = 0; i < extent.entryCount; ++i) {
     if (slot[EntryHeader::kPrimaryKeyLengthAt] != 0) {
       const EntryHeader entry =

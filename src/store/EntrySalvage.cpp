@@ -1,13 +1,44 @@
 #include "store/EntrySalvage.h"
 
 #include <algorithm>
-#include <numeric>
+#include <cstring>
+#include <iterator>
+#include <random>
 
 namespace Tarn {
 namespace {
 
 // Offsets and lengths travel as signed 32-bit values beyond the open.
 constexpr uint64_t kLengthLimit = uint64_t{1} << 31;
+
+constexpr uint64_t kNoPlace = UINT64_MAX;  // an empty place of the key table
+
+// A key's significant bytes; a kept entry has zeros behind its key's length,
+// but only the significant bytes take part, as in a comparison of keys.
+bool SameKey(const EntryHeader& a, const EntryHeader& b) {
+  return a.primaryKeyLength == b.primaryKeyLength &&
+         std::memcmp(a.primaryKey.data(), b.primaryKey.data(), a.primaryKeyLength) == 0;
+}
+
+uint64_t ProcessSeed() {
+  static const uint64_t seed = [] {
+    std::random_device device;
+    return (uint64_t{device()} << 32) | device();
+  }();
+  return seed;
+}
+
+uint64_t KeyHash(const EntryHeader& header) {
+  uint64_t words[kPrimaryKeySize / 8] = {};
+  std::memcpy(words, header.primaryKey.data(),
+              std::min<size_t>(header.primaryKeyLength, kPrimaryKeySize));
+  uint64_t hash = ProcessSeed() ^ header.primaryKeyLength;
+  for (const uint64_t word : words) {
+    hash = (hash ^ word) * 0x9E3779B97F4A7C15ull;
+    hash ^= hash >> 32;
+  }
+  return hash;
+}
 
 }  // namespace
 
@@ -63,21 +94,28 @@ void EntrySalvage::drop(int64_t slot, DropReason reason) {
 // furthest: a claim that starts before that reach overlaps it. Every claim
 // that overlaps any other is met this way (the one it overlaps reached at
 // least as far when it was swept, or was itself overlapped by the claim
-// that did). Two skeleton claims that overlap reject the file.
+// that did). Two skeleton claims that overlap reject the file. Entries
+// appended one after another already lie in range order, so their claims
+// are sorted only when they are not.
 bool EntrySalvage::dropOverlaps() {
-  std::vector<Claim> claims = skeleton_;
-  claims.reserve(skeleton_.size() + slots_.size());
+  std::vector<Claim> entries;
+  entries.reserve(slots_.size());
   for (size_t i = 0; i < slots_.size(); ++i) {
     const Slot& slot = slots_[i];
     if (slot.dropped) continue;
     const uint64_t begin = slot.header.dataOffset;
-    claims.push_back({begin, begin + slot.header.allocatedLength, static_cast<int64_t>(i)});
+    entries.push_back({begin, begin + slot.header.allocatedLength, static_cast<int64_t>(i)});
   }
-  std::sort(claims.begin(), claims.end(), [](const Claim& a, const Claim& b) {
-    return a.begin != b.begin ? a.begin < b.begin : a.end < b.end;
-  });
+  if (!std::is_sorted(entries.begin(), entries.end(), ByRange)) {
+    std::sort(entries.begin(), entries.end(), ByRange);
+  }
+  std::sort(skeleton_.begin(), skeleton_.end(), ByRange);
+  claims_.clear();
+  claims_.reserve(skeleton_.size() + entries.size());
+  std::merge(skeleton_.begin(), skeleton_.end(), entries.begin(), entries.end(),
+             std::back_inserter(claims_), ByRange);
   const Claim* reach = nullptr;
-  for (const Claim& claim : claims) {
+  for (const Claim& claim : claims_) {
     if (reach != nullptr && claim.begin < reach->end) {
       if (claim.slot < 0 && reach->slot < 0) return false;
       drop(claim.slot, DropReason::DataOverlap);
@@ -88,37 +126,41 @@ bool EntrySalvage::dropOverlaps() {
   return true;
 }
 
-// Sorts the surviving entries by key and, for equal keys, by chain order;
-// each run of one key keeps its first.
+// Keeps the first entry of each primary key in chain order: the surviving
+// entries go into an open-addressed table of their keys in chain order, and
+// an entry whose key is already there is dropped. The hash is seeded per
+// process, so that a file cannot be made to collide on purpose and turn the
+// probing quadratic.
 void EntrySalvage::dropDuplicates() {
-  std::vector<uint32_t> order;
+  size_t capacity = 16;
+  while (capacity < slots_.size() + slots_.size() / 2) capacity *= 2;
+  // Each place holds a slot index and the high half of its key's hash, so
+  // that a probe reads the slot's header only when the hashes agree.
+  std::vector<uint64_t> table(capacity, kNoPlace);
   for (size_t i = 0; i < slots_.size(); ++i) {
-    if (!slots_[i].dropped) order.push_back(static_cast<uint32_t>(i));
-  }
-  std::vector<PrimaryKey> keys(slots_.size());
-  for (const uint32_t i : order) keys[i] = slots_[i].header.primaryKeyValue();
-  std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
-    if (keys[a] < keys[b]) return true;
-    if (keys[b] < keys[a]) return false;
-    return a < b;
-  });
-  for (size_t i = 1; i < order.size(); ++i) {
-    if (!(keys[order[i - 1]] < keys[order[i]])) drop(order[i], DropReason::DuplicateKey);
+    const EntryHeader& header = slots_[i].header;
+    if (slots_[i].dropped) continue;
+    const uint64_t hash = KeyHash(header);
+    const uint64_t place = (hash & ~uint64_t{UINT32_MAX}) | i;
+    for (size_t at = hash & (capacity - 1);; at = (at + 1) & (capacity - 1)) {
+      if (table[at] == kNoPlace) {
+        table[at] = place;
+        break;
+      }
+      if ((table[at] ^ place) >> 32 == 0 &&
+          SameKey(slots_[table[at] & UINT32_MAX].header, header)) {
+        drop(static_cast<int64_t>(i), DropReason::DuplicateKey);
+        break;
+      }
+    }
   }
 }
 
 std::vector<FileRange> EntrySalvage::gaps(uint64_t& trailingBytes) const {
-  std::vector<Claim> claims = skeleton_;
-  for (const Slot& slot : slots_) {
-    if (slot.dropped) continue;
-    const uint64_t begin = slot.header.dataOffset;
-    claims.push_back({begin, begin + slot.header.allocatedLength, -1});
-  }
-  std::sort(claims.begin(), claims.end(),
-            [](const Claim& a, const Claim& b) { return a.begin < b.begin; });
   std::vector<FileRange> gaps;
   uint64_t reach = 0;  // the end of the claims so far; they no longer overlap
-  for (const Claim& claim : claims) {
+  for (const Claim& claim : claims_) {
+    if (!claims(claim)) continue;
     if (claim.begin > reach) {
       gaps.push_back({static_cast<uint32_t>(reach), static_cast<uint32_t>(claim.begin - reach)});
     }

@@ -17,6 +17,7 @@
 // Thread-safety: none needed; one object serves one load.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -58,6 +59,13 @@ class EntrySalvage {
   void addSkeleton(uint32_t offset, uint64_t length) {
     if (length > 0) skeleton_.push_back({offset, offset + length, -1});
   }
+  // Room for `count` more slots, so that the adds of an extent do not
+  // reallocate one by one.
+  void reserveSlots(size_t count) {
+    if (slots_.capacity() - slots_.size() < count) {
+      slots_.reserve(std::max(2 * slots_.capacity(), slots_.size() + count));
+    }
+  }
   // A live-looking slot, in chain and slot order; `dropped` when it already
   // failed CheckEntry.
   void addSlot(uint32_t offset, const EntryHeader& header, std::optional<DropReason> dropped) {
@@ -79,6 +87,14 @@ class EntrySalvage {
     uint64_t end = 0;
     int64_t slot = -1;  // index into slots_, -1 for the skeleton
   };
+  static bool ByRange(const Claim& a, const Claim& b) {
+    return a.begin != b.begin ? a.begin < b.begin : a.end < b.end;
+  }
+  // Whether `claim` still claims its range: the skeleton's always do, an
+  // entry's while the entry is kept.
+  bool claims(const Claim& claim) const {
+    return claim.slot < 0 || !slots_[static_cast<size_t>(claim.slot)].dropped;
+  }
 
   bool dropOverlaps();
   void dropDuplicates();
@@ -87,6 +103,9 @@ class EntrySalvage {
   const uint64_t fileLength_;
   std::vector<Claim> skeleton_;
   std::vector<Slot> slots_;
+  // The skeleton's and the entries' claims in range order, as settle() found
+  // them; gaps() reads them again, skipping the entries dropped since.
+  std::vector<Claim> claims_;
 };
 
 }  // namespace Tarn
