@@ -188,27 +188,19 @@ double Minimum(const std::vector<double>& values) {
   return *std::min_element(values.begin(), values.end());
 }
 
-BENCHMARK(BareLoop)
-    ->Arg(kSizes[0])
-    ->Arg(kSizes[1])
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->MinTime(2)
-    ->ComputeStatistics("min", Minimum);
-BENCHMARK(LoadOnly)
-    ->Arg(kSizes[0])
-    ->Arg(kSizes[1])
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->MinTime(2)
-    ->ComputeStatistics("min", Minimum);
-BENCHMARK(OpenFile)
-    ->Arg(kSizes[0])
-    ->Arg(kSizes[1])
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->MinTime(2)
-    ->ComputeStatistics("min", Minimum);
+// Each open benchmark at both sizes, reporting the minimum of its runs.
+void OpenArguments(benchmark::internal::Benchmark* benchmark) {
+  benchmark->Arg(kSizes[0])
+      ->Arg(kSizes[1])
+      ->Unit(benchmark::kMillisecond)
+      ->UseRealTime()
+      ->MinTime(2)
+      ->ComputeStatistics("min", Minimum);
+}
+
+BENCHMARK(BareLoop)->Apply(OpenArguments);
+BENCHMARK(LoadOnly)->Apply(OpenArguments);
+BENCHMARK(OpenFile)->Apply(OpenArguments);
 
 class RatioReporter : public TarnBench::FloorReporter {
  public:

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/RaiseSites.h"
 #include "platform/IoFaultInjection.h"
 #include "platform/IoTrace.h"
 #include "pt/Platform.h"
@@ -20,6 +21,7 @@
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
 #include "support/ZeroedConfig.h"
+#include "tarn/Exceptions.h"
 
 namespace {
 
@@ -64,10 +66,11 @@ class FileManagerDurabilityTest : public testing::TestWithParam<bool> {
                                          TarnTest::FactoriesFor({"tile"}));
   }
   // As the cache manager writes: room first (no lock held), then the write.
-  void write(const std::string& key, size_t length, uint8_t fill = 0xAB) {
+  void write(const std::string& key, size_t length, uint8_t fill = 0xAB,
+             const std::string& secondary = "s") {
     store_->awaitRoom(static_cast<uint32_t>(length));
     const std::vector<uint8_t> data(length, fill);
-    store_->write(Key(key), Tarn::SecondaryKey::FromString("s"), "tile",
+    store_->write(Key(key), Tarn::SecondaryKey::FromString(secondary), "tile",
                   static_cast<int32_t>(length), data.data());
   }
   void reopen() { store_ = nullptr, store_ = open(); }
@@ -194,6 +197,11 @@ TEST_P(FileManagerDurabilityTest, FailedWriteLeavesNoEntryBehind) {
     EXPECT_FALSE(store_->contains(Key("k")));
     IoFaultInjection::Clear();
   }
+  ASSERT_TRUE(posted_.waitFor(2));  // each failure posted once, at its own site
+  EXPECT_EQ(dynamic_cast<Tarn::ExFileWriteEntry&>(*posted_.at(0)).where().line,
+            Tarn::kWriteEntryFailed.where.line);
+  EXPECT_EQ(dynamic_cast<Tarn::ExFileWriteEntryHeader&>(*posted_.at(1)).where().line,
+            Tarn::kWriteEntryHeaderFailed.where.line);
   EXPECT_EQ(store_->writeFailures(), 2);
   EXPECT_TRUE(TarnTest::AllZero(file(), kSlot0, kSlot0 + 2 * kHeader));
   write("k", 10);  // the freed slot and range serve the next entry
@@ -202,6 +210,40 @@ TEST_P(FileManagerDurabilityTest, FailedWriteLeavesNoEntryBehind) {
   EXPECT_TRUE(store_->checkInvariants());
   reopen();
   EXPECT_EQ(store_->entryCount(), 1);
+}
+
+// An erased settled entry's slot and data serve the next write, and the
+// other entry under its secondary key stays listed, also once reopened.
+TEST_P(FileManagerDurabilityTest, EraseOfASettledEntryFreesItsSlotForTheNextWrite) {
+  write("a", 10, 0xAB, "shared");
+  write("b", 10, 0xAB, "shared");
+  store_->commit();
+  EXPECT_TRUE(store_->erase(Key("a")));
+  std::vector<PrimaryKey> keys;
+  store_->findPrimaryKeys(Tarn::SecondaryKey::FromString("shared"), keys);
+  EXPECT_EQ(keys, std::vector{Key("b")});
+  store_->commit();
+  EXPECT_TRUE(TarnTest::AllZero(file(), kSlot0, kSlot0 + kHeader));
+  reopen();  // the reopened store builds its index from the file
+  write("c", 10, 0xAB, "shared");
+  store_->erase(Key("b"));
+  store_->findPrimaryKeys(Tarn::SecondaryKey::FromString("shared"), keys = {});
+  EXPECT_EQ(keys, std::vector{Key("c")});
+  EXPECT_EQ(entry("c").headerOffset, kSlot0);
+  EXPECT_EQ(entry("c").header.dataOffset, kData0);
+}
+
+TEST_P(FileManagerDurabilityTest, BadWritesReserveNothing) {
+  write("a", 10);
+  const std::vector<uint8_t> data(10);
+  Tarn::SecondaryKey tooLong{};
+  tooLong.length = 17;
+  EXPECT_THROW(store_->write(Key("b"), {}, "nope", 10, data.data()), Tarn::ExFactoryClassNotFound);
+  EXPECT_THROW(store_->write(Key("a"), {}, "tile", 10, data.data()), std::invalid_argument);
+  EXPECT_THROW(store_->write(Key("b"), tooLong, "tile", 10, data.data()), std::invalid_argument);
+  Pt::MutexLock guard(store_->lock());
+  EXPECT_EQ(store_->freeEntryHeaders().front(), kSlot0 + kHeader);
+  EXPECT_EQ(store_->fileEnd(), kData0 + 256);
 }
 
 // A sync that fails may have lost any write it was to cover: with durable
