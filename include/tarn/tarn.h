@@ -12,5 +12,6 @@
 #include "tarn/Exceptions.h"
 #include "tarn/Export.h"
 #include "tarn/Serialize.h"
+#include "tarn/SharedTier.h"
 #include "tarn/Statistics.h"
 #include "tarn/Version.h"
