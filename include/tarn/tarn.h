@@ -14,4 +14,5 @@
 #include "tarn/Serialize.h"
 #include "tarn/SharedTier.h"
 #include "tarn/Statistics.h"
+#include "tarn/TierConfig.h"
 #include "tarn/Version.h"
