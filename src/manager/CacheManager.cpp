@@ -39,7 +39,8 @@ CacheManager::CacheManager(const wchar_t* path, const Config& config,
       slots_(config.memoryTarget, config.memorySlack) {
   WorkManager::start(config);
   try {
-    fileManager_ = std::make_unique<FileManager>(path, this, config, factories_);
+    fileManager_ =
+        std::make_unique<FileManager>(path, static_cast<EntryReadSink*>(this), config, factories_);
   } catch (...) {
     WorkManager::stop(id_);
     throw;

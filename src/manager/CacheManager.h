@@ -29,13 +29,14 @@
 #include "core/FactoryManager.h"
 #include "manager/SlotTable.h"
 #include "pt/Mutex.h"
+#include "store/EntryReadSink.h"
 #include "store/FileManager.h"
 #include "tarn/Config.h"
 #include "tarn/Statistics.h"
 
 namespace Tarn {
 
-class CacheManager {
+class CacheManager final : private EntryReadSink {
  public:
   // Opens the cache file; on a throw nothing of the manager remains and the
   // process is as before (work manager and platform registrations undone).
@@ -79,6 +80,17 @@ class CacheManager {
   std::string checkInvariants();
 
  private:
+  // What the file store reads back for a request completes it like a
+  // generated object; a failed read fails it.
+  void entryRead(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
+                 const Pt::SmartPointer<Cacheable>& cacheable, int32_t requestId) override {
+    insert(primaryKey, secondaryKey, cacheable, requestId);
+  }
+  void entryReadFailed(const PrimaryKey& primaryKey, int32_t requestId,
+                       const Pt::Exception& error) override {
+    failPending(primaryKey, requestId, error);
+  }
+
   // The steps below receive the caller's guards and release them on the way
   // (a hand-over the compile-time lock analysis cannot follow through a
   // reference, hence PT_NO_THREAD_SAFETY_ANALYSIS on them).

@@ -57,10 +57,10 @@ class FileManager::Loader : public CacheFileLoader::Visitor {
   FileManager& store_;
 };
 
-FileManager::FileManager(const wchar_t* path, CacheManager* owner, const Config& config,
+FileManager::FileManager(const wchar_t* path, EntryReadSink* readSink, const Config& config,
                          const Pt::SmartPointer<FactoryManager>& factories)
     : minAllocation_(static_cast<uint32_t>(EffectiveMinAllocation(config.minAllocation))),
-      owner_(owner),
+      readSink_(readSink),
       factories_(factories),
       budget_(EffectiveFileBudget(config.fileBudget)),
       freeSpace_(minAllocation_) {

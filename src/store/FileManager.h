@@ -84,7 +84,7 @@
 
 namespace Tarn {
 
-class CacheManager;
+class EntryReadSink;
 
 class FileManager {
  public:
@@ -116,7 +116,7 @@ class FileManager {
   // open goes on) and opens the asynchronous device. Throws Pt::ExSystem, ExUnsupportedFileVersion,
   // ExFactoryClassNotFound or std::bad_alloc; on a throw nothing of the store
   // survives and the file is unlocked.
-  FileManager(const wchar_t* path, CacheManager* owner, const Config& config,
+  FileManager(const wchar_t* path, EntryReadSink* readSink, const Config& config,
               const Pt::SmartPointer<FactoryManager>& factories);
   // Waits for every operation of this file to end, flushes, frees.
   ~FileManager();
@@ -242,7 +242,6 @@ class FileManager {
   static uint32_t NextSerial();
 
   Pt::Mutex& lock() PT_RETURN_CAPABILITY(lock_) { return lock_; }
-  CacheManager* owner() const { return owner_; }
   const Pt::SmartPointer<Pt::PtIoDeviceFile>& device() const { return device_; }
   const Pt::SmartPointer<FactoryManager>& factories() const { return factories_; }
   uint32_t minAllocation() const { return minAllocation_; }
@@ -306,7 +305,7 @@ class FileManager {
 
   FileOperations operations_;  // destroyed last: every step refers to it
   const uint32_t minAllocation_;
-  CacheManager* const owner_;
+  EntryReadSink* const readSink_;
   const Pt::SmartPointer<FactoryManager> factories_;
   std::atomic<int64_t> fileEnd_{0};
   // The end of the header, type table and first extent, whichever is last:

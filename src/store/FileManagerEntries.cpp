@@ -327,7 +327,7 @@ FileManager::CompletedRead FileManager::read(const PrimaryKey& primaryKey, int32
   return CompletedRead(FileReadEntryReceiver::Queue(
       *device_, header,
       Pt::SmartPointer<FileReadEntryReceiver>(
-          new FileReadEntryReceiver(owner_, this, serial, factory, primaryKey,
+          new FileReadEntryReceiver(readSink_, this, serial, factory, primaryKey,
                                     header.secondaryKeyValue(), requestId, operations_.begin()))));
 }
 

@@ -6,7 +6,6 @@
 #include "core/ClientException.h"
 #include "core/RaiseSites.h"
 #include "core/Subject.h"
-#include "manager/CacheManager.h"
 #include "store/FileManager.h"
 #include "tarn/Exceptions.h"
 
@@ -18,14 +17,14 @@ constexpr uint32_t kMaxReadLength = INT_MAX;
 
 }  // namespace
 
-FileReadEntryReceiver::FileReadEntryReceiver(CacheManager* manager, FileManager* store,
+FileReadEntryReceiver::FileReadEntryReceiver(EntryReadSink* sink, FileManager* store,
                                              uint32_t serial,
                                              const Pt::SmartPointer<CacheableFactory>& factory,
                                              const PrimaryKey& primaryKey,
                                              const SecondaryKey& secondaryKey, int32_t requestId,
                                              FileOperationRef operation)
     : FileReceiverBase(std::move(operation)),
-      manager_(manager),
+      sink_(sink),
       store_(store),
       serial_(serial),
       factory_(factory),
@@ -53,7 +52,7 @@ void FileReadEntryReceiver::ioCompleted(Pt::IoRequest& request) {
     rebuild(request);
   } catch (...) {
     const std::unique_ptr<Pt::Exception> error = CaughtAsPtException();
-    manager_->failPending(
+    sink_->entryReadFailed(
         primaryKey_, requestId_,
         WithSubject(ExFileReadEntry(kReadEntryRebuild.where, *error), KeySubject(primaryKey_)));
   }
@@ -74,11 +73,11 @@ void FileReadEntryReceiver::rebuild(Pt::IoRequest& request) {
   if (!cacheable) {
     throw Pt::Exception(Pt::ExReason{kDecodeNoObjectMessage, kDecodeNoObject.where, 1});
   }
-  manager_->insert(primaryKey_, secondaryKey_, cacheable, requestId_);
+  sink_->entryRead(primaryKey_, secondaryKey_, cacheable, requestId_);
 }
 
 void FileReadEntryReceiver::ioFailed(Pt::IoRequest& /*request*/, const Pt::Exception& cause) {
-  manager_->failPending(
+  sink_->entryReadFailed(
       primaryKey_, requestId_,
       WithSubject(ExFileReadEntry(kReadEntryFailed.where, cause), KeySubject(primaryKey_)));
 }

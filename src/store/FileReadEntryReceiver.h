@@ -1,14 +1,15 @@
 // Completion of the read of an entry's data: the object is rebuilt through
-// its type's factory and handed to the cache manager's insert for the request
+// its type's factory and handed to the store's read sink for the request
 // that asked for it. Anything that fails from here on (the read, a short
-// read, decode, insert; whatever they throw) ends that request through
-// failPending with an ExFileReadEntry; nothing is posted, since the waiting
-// receivers are told. A request that has meanwhile ended is left alone.
+// read, decode, the sink's entryRead; whatever they throw) ends that request
+// through the sink's entryReadFailed with an ExFileReadEntry; nothing is
+// posted, since the waiting receivers are told.
 #pragma once
 
 #include <cstdint>
 
 #include "pt/IoDevice.h"
+#include "store/EntryReadSink.h"
 #include "store/FileFormat.h"
 #include "store/FileReceiverBase.h"
 #include "tarn/CacheKey.h"
@@ -16,16 +17,15 @@
 
 namespace Tarn {
 
-class CacheManager;
 class FileManager;
 
 class FileReadEntryReceiver : public FileReceiverBase {
  public:
-  // `manager` outlives the receiver: its file store waits for every receiver
-  // before it is destroyed.
+  // `sink` outlives the receiver: the store it serves waits for every
+  // receiver before it is destroyed.
   // `store` and `serial` name the entry read: its bytes are delivered only
   // if the store still holds that very entry when the read completes.
-  FileReadEntryReceiver(CacheManager* manager, FileManager* store, uint32_t serial,
+  FileReadEntryReceiver(EntryReadSink* sink, FileManager* store, uint32_t serial,
                         const Pt::SmartPointer<CacheableFactory>& factory,
                         const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
                         int32_t requestId, FileOperationRef operation);
@@ -48,7 +48,7 @@ class FileReadEntryReceiver : public FileReceiverBase {
  private:
   void rebuild(Pt::IoRequest& request);
 
-  CacheManager* manager_;
+  EntryReadSink* sink_;
   FileManager* store_;
   uint32_t serial_;
   Pt::SmartPointer<CacheableFactory> factory_;
