@@ -23,7 +23,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 
-.PHONY: deps configure build run test stress crashtest soak bench asan tsan fuzz docs deb consumer clean compare
+.PHONY: deps configure build run test stress crashtest churntest soak bench asan tsan fuzz docs deb consumer clean compare
 
 # Installs whichever of the packages given are missing (apt, with sudo when
 # not root).
@@ -64,6 +64,14 @@ POWERLOSS_IMAGES ?= 100000
 crashtest: build
 	TARN_CRASH_CYCLES=$(CRASH_CYCLES) TARN_CRASH_SECONDS=0 TARN_POWERLOSS_IMAGES=$(POWERLOSS_IMAGES) \
 	  ./build/$(PRESET)/tests/tarn_crash_tests
+
+# The long form of the churn suite: every case with its long cycle count,
+# once per seed in CHURN_SEEDS; each prints the amplification it saw.
+CHURN_SEEDS ?= 1 2 3
+churntest: build
+	@for seed in $(CHURN_SEEDS); do \
+	  TARN_CHURN_LONG=1 TARN_CHURN_SEED=$$seed ./build/$(PRESET)/tests/tarn_churn_tests || exit 1; \
+	done
 
 # The stress suite alone; TARN_STRESS_OPS and TARN_STRESS_SEED pass through.
 stress: build

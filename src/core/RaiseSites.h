@@ -91,6 +91,10 @@ inline constexpr RaiseSite kCompactRead{kSystemError, {kSrcFileManager, 1301}};
 inline constexpr RaiseSite kCompactDestinationLocked{kSystemError, {kSrcFileManager, 1305}};
 inline constexpr RaiseSite kCompactWrite{kSystemError, {kSrcFileManager, 1312}};
 inline constexpr RaiseSite kCompactReplace{kSystemError, {kSrcFileManager, 1320}};
+// Closing a cache: moving the entries at the end of the file into free space
+// nearer its start (reading, writing, flushing) or cutting the file back
+// behind them failed; the file keeps every entry.
+inline constexpr RaiseSite kCloseRelocate{kSystemError, {kSrcFileManager, 1340}};
 
 // Asynchronous file requests that failed, reported by their receivers.
 inline constexpr RaiseSite kWriteEntryFailed{kMsgFileWriteEntry, {kSrcWriteEntryReceiver, 103}};
@@ -179,6 +183,7 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kCompactDestinationLocked,
     kCompactWrite,
     kCompactReplace,
+    kCloseRelocate,
     kOpenRangesDamaged,
     kOpenFileLocked,
     kOpenTypeNameTooLong,

@@ -91,8 +91,15 @@ FileManager::~FileManager() {
   try {
     device_->flush();
   } catch (const Pt::Exception& failure) {
-    // Closing cannot report to anyone; the data already written stays.
+    // Closing cannot report to anyone; the data already written stays, and
+    // nothing is relocated on top of writes that may not be durable.
+    countWriteFailure();
     Pt::Exception::Post(failure);
+  }
+  try {
+    relocateTail();
+  } catch (const std::exception&) {
+    // Out of memory while planning: the file stays as it is.
   }
 }
 

@@ -85,6 +85,7 @@
 namespace Tarn {
 
 class EntryReadSink;
+class RelocationPlan;
 
 class FileManager {
  public:
@@ -118,7 +119,11 @@ class FileManager {
   // survives and the file is unlocked.
   FileManager(const wchar_t* path, EntryReadSink* readSink, const Config& config,
               const Pt::SmartPointer<FactoryManager>& factories);
-  // Waits for every operation of this file to end, flushes, frees.
+  // Waits for every operation of this file to end, flushes, relocates the
+  // entries at the end of the file into free space nearer its start when the
+  // file has grown past RelocationTrigger() times what it must hold, and
+  // cuts it back (FileManagerRelocate.cpp), then frees. Never throws: a
+  // failure is posted, and the file keeps every entry.
   ~FileManager();
   FileManager(const FileManager&) = delete;
   FileManager& operator=(const FileManager&) = delete;
@@ -241,6 +246,15 @@ class FileManager {
   // The next serial of the process-wide counter.
   static uint32_t NextSerial();
 
+  // The amplification (the file's length over the live entries'
+  // allocations, the header, the type table and the extents' blocks) above
+  // which a close relocates; 1.1 unless set. Tests lower it to make every
+  // close with a gap relocate. Process-wide; any thread.
+  static void SetRelocationTrigger(double trigger);
+  static double RelocationTrigger();
+  // Entries moved by relocations at close in this process (tests).
+  static uint64_t RelocatedEntries();
+
   Pt::Mutex& lock() PT_RETURN_CAPABILITY(lock_) { return lock_; }
   const Pt::SmartPointer<Pt::PtIoDeviceFile>& device() const { return device_; }
   const Pt::SmartPointer<FactoryManager>& factories() const { return factories_; }
@@ -268,6 +282,11 @@ class FileManager {
 
  private:
   class Loader;
+  using EntryIterator = std::map<PrimaryKey, EntryInfo>::iterator;
+  struct RelocationFigures {
+    uint32_t moved = 0;
+    uint64_t bytes = 0;
+  };
 
   static void CheckTypeNames(const FactoryManager& factories);
   EntryInfo reserveEntry(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
@@ -302,6 +321,18 @@ class FileManager {
   // the file would reach 2 GiB.
   uint32_t growFileBy(uint64_t bytes) PT_REQUIRES(lock_);
   uint32_t appendExtent() PT_REQUIRES(lock_);
+  // Relocation at close (FileManagerRelocate.cpp).
+  RelocationFigures relocateTail();
+  bool canRelocate() PT_REQUIRES(lock_);
+  double amplificationLocked() const PT_REQUIRES(lock_);
+  uint32_t fixedEnd() const PT_REQUIRES(lock_);
+  bool relocateRound(RelocationFigures& figures) PT_REQUIRES(lock_);
+  bool copyData(const RelocationPlan& plan, const std::vector<EntryIterator>& owners)
+      PT_REQUIRES(lock_);
+  bool rewriteHeaders(const RelocationPlan& plan, const std::vector<EntryIterator>& owners)
+      PT_REQUIRES(lock_);
+  bool awaitDurable(const std::atomic<int>& failures);
+  void cutBehindLastRange() PT_REQUIRES(lock_);
 
   FileOperations operations_;  // destroyed last: every step refers to it
   const uint32_t minAllocation_;

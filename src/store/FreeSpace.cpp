@@ -52,6 +52,30 @@ std::optional<FileRange> FreeSpace::take(uint32_t want) {
   // and of equally short ones the lowest offset.
   const auto fit = bySize_.lower_bound({want, 0});
   if (fit == bySize_.end()) return std::nullopt;
+  return takeFrom(fit, want);
+}
+
+std::optional<FileRange> FreeSpace::takeBelow(uint32_t bound, uint32_t want) {
+  if (want == 0) return std::nullopt;
+  for (auto fit = bySize_.lower_bound({want, 0}); fit != bySize_.end(); ++fit) {
+    if (EndOf(fit->second, fit->first) <= bound) return takeFrom(fit, want);
+  }
+  return std::nullopt;
+}
+
+std::optional<FileRange> FreeSpace::takeAt(uint32_t offset) {
+  const auto range = byOffset_.find(offset);
+  if (range == byOffset_.end()) return std::nullopt;
+  const FileRange taken{range->first, range->second};
+  eraseRange(range);
+  totalBytes_ -= taken.length;
+  checkAfterChange();
+  return taken;
+}
+
+// Hands out `want` bytes from the start of the range `fit` names (all of it
+// when the surplus is too small to keep).
+FileRange FreeSpace::takeFrom(SizeIndex::iterator fit, uint32_t want) {
   const auto [length, offset] = *fit;
   const auto range = byOffset_.find(offset);
   uint32_t taken = length;

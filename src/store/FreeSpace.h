@@ -71,6 +71,15 @@ class FreeSpace {
   // range's offset; its length is `want`, or the whole range's length when
   // the surplus is no more than minAllocation.
   std::optional<FileRange> take(uint32_t want);
+  // As take(), but only from free ranges that end at or below `bound`: the
+  // best fit among the ranges wholly below it (used to move data towards
+  // the start of the file). O(k log n), k being the ranges at least `want`
+  // long that lie above the bound and fit better.
+  std::optional<FileRange> takeBelow(uint32_t bound, uint32_t want);
+
+  // Takes the whole free range that starts at `offset`; nullopt (nothing
+  // changes) when no free range starts there.
+  std::optional<FileRange> takeAt(uint32_t offset);
 
   // The free ranges in offset order (a copy, for checks and tests).
   std::vector<FileRange> ranges() const;
@@ -96,6 +105,7 @@ class FreeSpace {
   // range's place in offset order.
   void reshape(OffsetMap::iterator range, uint32_t offset, uint32_t length);
   void checkAfterChange();
+  FileRange takeFrom(SizeIndex::iterator fit, uint32_t want);
 
   uint32_t minAllocation_;
   OffsetMap byOffset_;

@@ -12,6 +12,7 @@
 #include "core/RaiseSites.h"
 #include "platform/IoFaultInjection.h"
 #include "store/FileFormat.h"
+#include "store/FileManager.h"
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
@@ -27,7 +28,13 @@ using Bytes = std::vector<uint8_t>;
 
 class CacheFileCompactTest : public testing::Test {
  protected:
-  void TearDown() override { IoFaultInjection::Clear(); }
+  // A close leaves its file fragmented, so that the compaction has gaps to
+  // close.
+  void SetUp() override { Tarn::FileManager::SetRelocationTrigger(1e9); }
+  void TearDown() override {
+    IoFaultInjection::Clear();
+    Tarn::FileManager::SetRelocationTrigger(trigger_);
+  }
 
   std::unique_ptr<Tarn::Cache> open(const std::string& name) {
     Tarn::Config config = Tarn::ZeroedConfig();
@@ -98,6 +105,7 @@ class CacheFileCompactTest : public testing::Test {
 
   TarnTest::TempDir dir;
   Pt::SmartPointer<TarnTest::NamedFactory> factory{new TarnTest::NamedFactory("tile")};
+  const double trigger_ = Tarn::FileManager::RelocationTrigger();
 };
 
 // The new file is the header, the type table, the extents the entries need

@@ -139,6 +139,60 @@ TEST(FreeSpace, TakeIsBestFitAndKeepsOnlyALargeTail) {
   }
 }
 
+struct TakeBelowCase {
+  const char* what;
+  Ranges free;
+  uint32_t bound;
+  uint32_t want;
+  std::optional<FileRange> taken;
+  Ranges left;
+};
+
+const TakeBelowCase kTakesBelow[] = {
+    {"the best fit below the bound, not the better one above it",
+     {{1000, 1024}, {5000, 256}},
+     5000,
+     256,
+     FileRange{1000, 256},
+     {{1256, 768}, {5000, 256}}},
+    {"a range ending exactly at the bound counts",
+     {{1000, 1024}, {4744, 256}},
+     5000,
+     256,
+     FileRange{4744, 256},
+     {{1000, 1024}}},
+    {"a range crossing the bound does not",
+     {{4800, 4096}},
+     5000,
+     256,
+     std::nullopt,
+     {{4800, 4096}}},
+    {"nothing below the bound is long enough",
+     {{1000, 100}, {6000, 4096}},
+     5000,
+     256,
+     std::nullopt,
+     {{1000, 100}, {6000, 4096}}},
+};
+
+TEST(FreeSpace, TakeBelowIsBestFitAmongTheRangesUnderTheBound) {
+  for (const TakeBelowCase& test : kTakesBelow) {
+    FreeSpace space = Holding(test.free);
+    EXPECT_EQ(space.takeBelow(test.bound, test.want), test.taken) << test.what;
+    EXPECT_EQ(space.ranges(), test.left) << test.what;
+    EXPECT_EQ(space.checkInvariants(), "") << test.what;
+  }
+}
+
+TEST(FreeSpace, TakeAtTakesOnlyAWholeRangeStartingThere) {
+  FreeSpace space = Holding({{1000, 100}, {2000, 300}});
+  EXPECT_EQ(space.takeAt(1050), std::nullopt);
+  EXPECT_EQ(space.takeAt(2000), (FileRange{2000, 300}));
+  EXPECT_EQ(space.ranges(), (Ranges{{1000, 100}}));
+  EXPECT_EQ(space.totalBytes(), 100u);
+  EXPECT_EQ(space.checkInvariants(), "");
+}
+
 // ---- against a reference model ------------------------------------------------
 
 // The same rules written as plainly as possible: an offset-ordered vector,
