@@ -5,7 +5,7 @@
 // EntryHeader slots and the free data ranges. The open (the constructor)
 // verifies and loads the file; afterwards every read and write goes through
 // the platform's asynchronous device, and the tables change only under
-// `lock_`. Closing writes nothing: the file is consistent on its own, because
+// `lock_`. Closing needs no write: the file is consistent on its own, because
 // every write that another depends on is durable before the dependent one is
 // issued (GroupSync batches the syncs):
 // - an entry's data before its header;
@@ -14,7 +14,11 @@
 // - the delete header of every earlier header of a key before a new header
 //   of that key, so the file never holds two live headers for one key.
 // With Config::relaxedOrdering, "durable" weakens to "completed": the file
-// then survives a crash of the process but not a power loss.
+// then survives a crash of the process but not a power loss. The close may
+// still write to make the file smaller: it relocates the entries at its end
+// into gaps nearer its start, each entry's copy durable before the header
+// that points to it and the old copy free only after that header is durable
+// (FileManagerRelocate.cpp), in either mode.
 //
 // Budget: with Config::fileBudget (or near the format's 2 GiB limit), a write
 // that finds no free range for its data and would grow the file past the
@@ -50,7 +54,8 @@
 // - an entry is Parked only while `erasing_` counts its key;
 // - `types_` holds distinct names and the ids 1 to its size;
 // - `fileEnd_` stays below 2 GiB and shrinks only in shrinkIfEmpty(), back
-//   to `firstExtentEnd_`.
+//   to `firstExtentEnd_`, and in the destructor's relocation, to the end of
+//   the last claimed range.
 //
 // Thread-safety: all public operations may be called from any thread; they
 // take `lock_` (re-entrant, innermost) themselves, except allocateData and

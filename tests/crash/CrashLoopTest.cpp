@@ -166,6 +166,8 @@ class CrashLoop : public testing::Test {
     if (!ended.empty()) report(number, ended);
     model.applyLog(log_);
     commits_ += model.commits();
+    closes_ += model.closes();
+    relocated_ += model.relocated();
     if (const std::string rejected = inspect(); !rejected.empty()) report(number, rejected);
     std::unique_ptr<Tarn::Cache> cache;
     try {
@@ -188,6 +190,8 @@ class CrashLoop : public testing::Test {
   std::vector<std::string> findings_;
   size_t findingCount_ = 0;
   int commits_ = 0;
+  int closes_ = 0;
+  int64_t relocated_ = 0;
 };
 
 // A kill at a random moment, over and over: replacements of a small key set
@@ -213,7 +217,8 @@ TEST_F(CrashLoop, KillNineKeepsEveryCommittedVersionAndNothingErased) {
     ++done;
     if (findingCount_ != before) ++failed;
   }
-  std::cout << "crash loop: " << done << " kills, " << commits_ << " commits logged, " << failed
+  std::cout << "crash loop: " << done << " kills, " << commits_ << " commits logged, " << closes_
+            << " closes in the writers relocating " << relocated_ << " entries, " << failed
             << " kills with findings (" << findingCount_ << " findings)" << std::endl;
   ASSERT_GT(done, 0);
   EXPECT_EQ(failed, 0) << [&] {

@@ -80,6 +80,15 @@ void Model::apply(const std::string& line) {
     for (auto& [k, states] : allowed_) states = {current_[k]};
     return;
   }
+  // A close changes no key's state (it only moves entries), and the model
+  // does not take it for a commit: the allowed states stay as they are.
+  if (kind == 'R') {
+    int64_t moved = 0;
+    if (!(in >> moved)) return;
+    ++closes_;
+    relocated_ += moved;
+    return;
+  }
   if (!(in >> key) || key < 0 || key >= kKeyCount) return;
   if (kind == 'W' && !(in >> version)) return;
   if (kind != 'W' && kind != 'E') return;

@@ -8,7 +8,8 @@
 // caught by comparing with Payload().
 //
 // The writer logs each step before it makes it ("W key version",
-// "E key") and logs "C" after each commit() that returned. Replaying the log
+// "E key"), logs "C" after each commit() that returned, and "R moved" after
+// each close (a reopen follows), with the entries that close relocated. Replaying the log
 // gives, per key, the states it may legitimately have after a kill: the state
 // at the last logged commit, plus every state written since (a write logged
 // but never made is allowed, not required).
@@ -53,11 +54,15 @@ class Model {
 
   const std::set<int64_t>& allowed(int key) const { return allowed_.at(key); }
   int commits() const { return commits_; }
+  int closes() const { return closes_; }
+  int64_t relocated() const { return relocated_; }
 
  private:
   std::map<int, int64_t> current_;
   std::map<int, std::set<int64_t>> allowed_;
   int commits_ = 0;
+  int closes_ = 0;
+  int64_t relocated_ = 0;
 };
 
 // The state of `key` in `cache`, looked up with find(): absent, a version,

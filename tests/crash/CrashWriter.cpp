@@ -6,11 +6,13 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "crash/CrashModel.h"
+#include "store/FileManager.h"
 #include "support/TestFactory.h"
 #include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
@@ -20,8 +22,10 @@ namespace {
 
 // The writer runs at most this long; the parent kills it well before.
 constexpr auto kSafetyLimit = std::chrono::seconds(30);
-// On average one commit per this many steps.
+// On average one commit per this many steps, and one close and reopen per
+// this many.
 constexpr unsigned kStepsPerCommit = 12;
+constexpr unsigned kStepsPerReopen = 150;
 
 // The log only has to outlive the writer process, not the machine: what
 // write() has handed to the kernel survives a kill, so no fsync is needed.
@@ -81,20 +85,33 @@ int RunWriter(int argc, char** argv) {
   std::mt19937_64 random(std::stoull(argv[4]));
   int64_t version = std::stoll(argv[5]);
   if (!log.ok()) return 2;
+  // Every close with a gap in the file relocates, so that kills land in
+  // relocations too.
+  Tarn::FileManager::SetRelocationTrigger(1.0);
   try {
     Tarn::Config config = Tarn::ZeroedConfig();
     config.memoryTarget = 1 << 20;
     config.workerThreads = 1;
     const std::wstring path(cachePath.begin(), cachePath.end());
-    Tarn::Cache cache(
-        path.c_str(), config,
-        std::vector<Pt::SmartPointer<Tarn::CacheableFactory>>{new TarnTest::NamedFactory(kType)});
+    const auto open = [&] {
+      return std::make_unique<Tarn::Cache>(
+          path.c_str(), config,
+          std::vector<Pt::SmartPointer<Tarn::CacheableFactory>>{
+              new TarnTest::NamedFactory(kType)});
+    };
+    auto cache = open();
     const auto end = std::chrono::steady_clock::now() + kSafetyLimit;
     while (std::chrono::steady_clock::now() < end) {
-      Step(cache, log, random, version);
+      Step(*cache, log, random, version);
       if (random() % kStepsPerCommit == 0) {
-        cache.commit();
+        cache->commit();
         log.line("C");
+      }
+      if (random() % kStepsPerReopen == 0) {
+        const uint64_t moved = Tarn::FileManager::RelocatedEntries();
+        cache.reset();
+        log.line("R " + std::to_string(Tarn::FileManager::RelocatedEntries() - moved));
+        cache = open();
       }
     }
   } catch (const std::exception& error) {

@@ -4,7 +4,9 @@
 // covered by the last completed flush, plus any subset of the later ones,
 // one of them possibly torn at a 512- or 4096-byte boundary). Each image must
 // open and return, for every key, exactly one of the states its log allows:
-// nothing committed lost, no wrong bytes.
+// nothing committed lost, no wrong bytes. Each trace ends with the close,
+// which relocates every entry above a gap in the file (the relocation's
+// copies, header rewrites and flushes are traced like any other write).
 //
 // With durable ordering (the default) every image must pass. With relaxed
 // ordering the same figures are printed for comparison, not asserted: that
@@ -25,6 +27,7 @@
 #include "crash/CrashModel.h"
 #include "crash/CrashWriter.h"
 #include "platform/IoTrace.h"
+#include "store/FileManager.h"
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
 #include "support/TestFactory.h"
@@ -53,6 +56,8 @@ struct Trace {
   std::vector<IoTrace::Event> events;
   std::vector<std::string> log;
   std::vector<size_t> flushesAtCommit;  // one per "C" line, in order
+  uint64_t relocated = 0;               // entries the close moved
+  size_t closeFrom = 0;                 // the first event of the close
 };
 
 struct Figures {
@@ -80,6 +85,7 @@ class PowerLoss : public testing::TestWithParam<bool> {
   // erases and commits in random order, without waiting between steps, so
   // that replacements of one key overlap in flight.
   Trace record(std::mt19937_64& random, int64_t& version) {
+    const double trigger = Tarn::FileManager::RelocationTrigger();
     std::remove(dir_.file("c.tarn").c_str());
     Trace trace;
     auto cache = open(true);
@@ -109,8 +115,19 @@ class PowerLoss : public testing::TestWithParam<bool> {
         stored[key] = true;
       }
     }
+    // The close relocates whatever lies above a gap: its copies, header
+    // rewrites and flushes end the trace.
+    const uint64_t moved = Tarn::FileManager::RelocatedEntries();
+    const size_t flushesBeforeClose = IoTrace::FlushCount();
+    Tarn::FileManager::SetRelocationTrigger(1.0);
     cache.reset();
+    Tarn::FileManager::SetRelocationTrigger(trigger);
+    trace.relocated = Tarn::FileManager::RelocatedEntries() - moved;
     trace.events = IoTrace::Stop();
+    size_t flushes = 0;
+    while (trace.closeFrom < trace.events.size() && flushes < flushesBeforeClose) {
+      flushes += trace.events[trace.closeFrom++].type == IoTrace::Type::FlushEnd ? 1 : 0;
+    }
     return trace;
   }
 
@@ -216,7 +233,9 @@ Figures PowerLoss::check(const std::vector<Trace>& traces, uint64_t images,
   Figures figures;
   for (; figures.images < images; ++figures.images) {
     const Trace& trace = traces[figures.images % traces.size()];
-    const size_t point = random() % (trace.events.size() + 1);
+    // One image in four crashes during the close, where the relocation runs.
+    const size_t from = figures.images % 4 == 3 ? trace.closeFrom : 0;
+    const size_t point = from + random() % (trace.events.size() - from + 1);
     size_t commitsRequired = 0;
     const Bytes image =
         CrashImage(trace, point, static_cast<int>(random() % 6), random, commitsRequired);
@@ -238,7 +257,14 @@ TEST_P(PowerLoss, EveryCrashImageOpensWithEveryCommittedEntryExact) {
   std::mt19937_64 random(seed);
   int64_t version = 0;
   std::vector<Trace> traces;
-  for (int t = 0; t < kTraces; ++t) traces.push_back(record(random, version));
+  uint64_t relocated = 0;
+  for (int t = 0; t < kTraces; ++t) {
+    traces.push_back(record(random, version));
+    relocated += traces.back().relocated;
+  }
+  std::cout << "power loss: the closes of " << kTraces << " traces relocated " << relocated
+            << " entries" << std::endl;
+  EXPECT_GT(relocated, 0u) << "no close relocated: the relocation's ordering went unchecked";
   const Figures figures = check(traces, images, random);
   std::cout << "power loss (" << (relaxed ? "relaxed" : "durable") << "): " << figures.images
             << " images, " << figures.failedOpens << " failed opens, " << figures.wrongBytes
