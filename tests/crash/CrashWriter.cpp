@@ -96,8 +96,7 @@ int RunWriter(int argc, char** argv) {
     const auto open = [&] {
       return std::make_unique<Tarn::Cache>(
           path.c_str(), config,
-          std::vector<Pt::SmartPointer<Tarn::CacheableFactory>>{
-              new TarnTest::NamedFactory(kType)});
+          std::vector<Pt::SmartPointer<Tarn::CacheableFactory>>{new TarnTest::NamedFactory(kType)});
     };
     auto cache = open();
     const auto end = std::chrono::steady_clock::now() + kSafetyLimit;
