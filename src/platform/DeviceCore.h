@@ -78,6 +78,7 @@ class DeviceCore {
   bool readNow(IoRequest* request);
   void finishNow(IoRequest* request);
   static void Dispatch(IoRequest* request);
+  static void DispatchAll(std::vector<IoRequest*>& requests);
   static void Deliver(IoRequest& request, int error);
   void retire(IoRequest* request, std::vector<IoRequest*>& ready) PT_EXCLUDES(mutex_);
   void dropDrainedEpochs() PT_REQUIRES(mutex_);
