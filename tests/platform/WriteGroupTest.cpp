@@ -244,10 +244,14 @@ TEST_P(WriteGroupTest, AFailureInsideAGroupReachesEachMember) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, WriteGroupTest,
-                         testing::Values(Pt::IoEngineKind::IoUring, Pt::IoEngineKind::ThreadPool),
+                         testing::Values(Pt::IoEngineKind::IoUring, Pt::IoEngineKind::ThreadPool,
+                                         Pt::IoEngineKind::Automatic),
                          [](const testing::TestParamInfo<Pt::IoEngineKind>& info) {
-                           return info.param == Pt::IoEngineKind::IoUring ? "IoUring"
-                                                                          : "ThreadPool";
+                           switch (info.param) {
+                             case Pt::IoEngineKind::IoUring: return "IoUring";
+                             case Pt::IoEngineKind::ThreadPool: return "ThreadPool";
+                             default: return "Split";  // reads on the ring, writes on the pool
+                           }
                          });
 
 }  // namespace
