@@ -33,9 +33,7 @@ class IoEngine {
   // Vectored writes carried out for groups of two or more requests, and the
   // requests they carried (tests and benchmarks read these).
   virtual uint64_t writeGroups() const { return writeGroups_.load(std::memory_order_relaxed); }
-  virtual uint64_t groupedWrites() const {
-    return groupedWrites_.load(std::memory_order_relaxed);
-  }
+  virtual uint64_t groupedWrites() const { return groupedWrites_.load(std::memory_order_relaxed); }
 
  protected:
   void countGroup(size_t members) {

@@ -171,7 +171,8 @@ void DeviceCore::Dispatch(IoRequest* request) {
 void DeviceCore::DispatchAll(std::vector<IoRequest*>& requests) {
   if (requests.empty()) return;
   if (IoFaultInjection::Armed()) {
-    std::erase_if(requests, [](IoRequest* request) { return IoFaultInjection::Intercept(request); });
+    std::erase_if(requests,
+                  [](IoRequest* request) { return IoFaultInjection::Intercept(request); });
   }
   EnterEngine(requests.data(), requests.size());
 }
@@ -328,8 +329,8 @@ void EnterEngine(IoRequest* request) {
 void EnterEngine(IoRequest* const* requests, size_t count) {
   if (TestPoint::Watched()) {
     for (size_t i = 0; i < count; ++i) {
-      TestPoint::Signal(TestPoint::Id::DeviceRequestEntered, IoRequestAccess::state(*requests[i]).fd,
-                        requests[i]->offset());
+      TestPoint::Signal(TestPoint::Id::DeviceRequestEntered,
+                        IoRequestAccess::state(*requests[i]).fd, requests[i]->offset());
     }
   }
   if (count == 1) {

@@ -164,8 +164,8 @@ std::unique_ptr<WriteGroup> UringEngine::gather(IoRequest* request) {
   for (int pass = 0; pass < 2 && !group->full(); ++pass) {
     const size_t window = std::min(pending_.size(), WriteGroup::kGatherScan);
     const auto end = pending_.begin() + static_cast<std::ptrdiff_t>(window);
-    const auto kept = std::remove_if(pending_.begin(), end,
-                                     [&](IoRequest* candidate) { return group->tryAdd(candidate); });
+    const auto kept = std::remove_if(
+        pending_.begin(), end, [&](IoRequest* candidate) { return group->tryAdd(candidate); });
     if (kept == end) break;
     pending_.erase(kept, end);
   }

@@ -363,9 +363,12 @@ INSTANTIATE_TEST_SUITE_P(Engines, DeviceTest,
                                          Pt::IoEngineKind::Automatic),
                          [](const testing::TestParamInfo<Pt::IoEngineKind>& info) {
                            switch (info.param) {
-                             case Pt::IoEngineKind::IoUring: return "IoUring";
-                             case Pt::IoEngineKind::ThreadPool: return "ThreadPool";
-                             default: return "Split";  // reads on the ring, writes on the pool
+                             case Pt::IoEngineKind::IoUring:
+                               return "IoUring";
+                             case Pt::IoEngineKind::ThreadPool:
+                               return "ThreadPool";
+                             default:
+                               return "Split";  // reads on the ring, writes on the pool
                            }
                          });
 

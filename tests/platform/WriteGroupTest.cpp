@@ -146,8 +146,10 @@ TEST_P(WriteGroupTest, OverlapsAndFlushesKeepTheirOrderAcrossAGroup) {
   IoTrace::Start();
   TestPoint::Watch();
   HoldWrites(3);  // X, Y, V; W reaches the engine only after X is done
-  auto x = SmartPointer<IoRecorder>(new IoRecorder(1)), y = SmartPointer<IoRecorder>(new IoRecorder(2));
-  auto w = SmartPointer<IoRecorder>(new IoRecorder(3)), v = SmartPointer<IoRecorder>(new IoRecorder(4));
+  auto x = SmartPointer<IoRecorder>(new IoRecorder(1)),
+       y = SmartPointer<IoRecorder>(new IoRecorder(2));
+  auto w = SmartPointer<IoRecorder>(new IoRecorder(3)),
+       v = SmartPointer<IoRecorder>(new IoRecorder(4));
   auto reader = SmartPointer<IoRecorder>(new IoRecorder(5));
   write(x, 0, 4096, 1);
   write(y, 4096, 4096, 2);
@@ -191,8 +193,9 @@ TEST_P(WriteGroupTest, OverlapsAndFlushesKeepTheirOrderAcrossAGroup) {
   ASSERT_LT(begin, events.size());
   EXPECT_EQ(events[begin].type, IoTrace::Type::FlushBegin);
   EXPECT_EQ(events[begin].writesCovered, begin);
-  const auto end = std::find_if(events.begin() + static_cast<std::ptrdiff_t>(begin), events.end(),
-                                [](const IoTrace::Event& e) { return e.type == IoTrace::Type::FlushEnd; });
+  const auto end =
+      std::find_if(events.begin() + static_cast<std::ptrdiff_t>(begin), events.end(),
+                   [](const IoTrace::Event& e) { return e.type == IoTrace::Type::FlushEnd; });
   ASSERT_NE(end, events.end());
   EXPECT_EQ(end->writesCovered, begin);
   const auto at = [&](int64_t offset, uint8_t fill) {
@@ -211,7 +214,8 @@ TEST_P(WriteGroupTest, AFailureInsideAGroupReachesEachMember) {
   constexpr int64_t kLimit = kFileSize + 1536;  // inside the sixth member
   rlimit saved{};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
-  struct sigaction ignore {}, previous {};
+  struct sigaction ignore {
+  }, previous{};
   ignore.sa_handler = SIG_IGN;
   ASSERT_EQ(sigaction(SIGXFSZ, &ignore, &previous), 0);
   rlimit limited = saved;
@@ -251,9 +255,12 @@ INSTANTIATE_TEST_SUITE_P(Engines, WriteGroupTest,
                                          Pt::IoEngineKind::Automatic),
                          [](const testing::TestParamInfo<Pt::IoEngineKind>& info) {
                            switch (info.param) {
-                             case Pt::IoEngineKind::IoUring: return "IoUring";
-                             case Pt::IoEngineKind::ThreadPool: return "ThreadPool";
-                             default: return "Split";  // reads on the ring, writes on the pool
+                             case Pt::IoEngineKind::IoUring:
+                               return "IoUring";
+                             case Pt::IoEngineKind::ThreadPool:
+                               return "ThreadPool";
+                             default:
+                               return "Split";  // reads on the ring, writes on the pool
                            }
                          });
 
