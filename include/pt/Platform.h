@@ -3,8 +3,9 @@
 // PlatformInit and PlatformUninit are counted: every init must be matched by
 // one uninit. The first init whose Config asks for asynchronous file I/O
 // starts the I/O engine and its completion threads; the last uninit stops them.
-// The engine is chosen once, when it starts: io_uring when the kernel allows
-// it, otherwise a pool of threads doing pread/pwrite.
+// The engine is chosen once, when it starts: when the kernel allows io_uring,
+// reads go to io_uring and writes to a pool of threads doing pwrite/pwritev
+// (measured faster for buffered writes); otherwise the pool does both.
 //
 // Thread-safety: any thread may call these; they serialise internally. The
 // last PlatformUninit waits for every outstanding request of every device, so
@@ -14,7 +15,7 @@
 namespace Pt {
 
 enum class IoEngineKind {
-  Automatic,   // io_uring if it can be set up, else the thread pool
+  Automatic,   // io_uring for reads and the pool for writes, else the pool
   IoUring,     // io_uring only; PlatformInit throws when it cannot be set up
   ThreadPool,  // the portable fallback
 };

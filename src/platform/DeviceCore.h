@@ -9,7 +9,11 @@
 //               byte the request is retired there, without a callback, and
 //               the caller completes it; otherwise it goes on to dispatch,
 //               continuing from the bytes it got
-//   dispatch -> fault-injection seam (tests), then the engine
+//   dispatch -> fault-injection seam (tests), then the engine; the
+//               successors that one retire releases go in as one batch
+//   engine   -> writes to adjacent ranges that the engine holds together go
+//               out as one vectored write (WriteGroup.h); each still
+//               finishes alone, with its own outcome
 //   finish   -> (engine thread) retired from the sequencer, which may start
 //               waiting successors; then the callback; then released
 //
@@ -78,6 +82,7 @@ class DeviceCore {
   bool readNow(IoRequest* request);
   void finishNow(IoRequest* request);
   static void Dispatch(IoRequest* request);
+  static void DispatchAll(std::vector<IoRequest*>& requests);
   static void Deliver(IoRequest& request, int error);
   void retire(IoRequest* request, std::vector<IoRequest*>& ready) PT_EXCLUDES(mutex_);
   void dropDrainedEpochs() PT_REQUIRES(mutex_);

@@ -72,10 +72,14 @@ ActiveRule* Fire(InjectionState& state, Kind kind, int64_t offset, int64_t lengt
 
 // Hands held requests to the engine; held calls were released under the
 // mutex already.
+// Held requests released together reach the engine as one batch, the way a
+// burst of requests queued at once would.
 void Submit(const std::deque<Held>& released) {
+  std::vector<IoRequest*> requests;
   for (const Held& held : released) {
-    if (held.request != nullptr) EnterEngine(held.request);
+    if (held.request != nullptr) requests.push_back(held.request);
   }
+  if (!requests.empty()) EnterEngine(requests.data(), requests.size());
 }
 
 // Takes the oldest `count` entries of the held queue; the caller holds the

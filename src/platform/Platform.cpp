@@ -7,6 +7,7 @@
 
 #include "platform/IoEngine.h"
 #include "platform/PlatformState.h"
+#include "platform/SplitEngine.h"
 #include "platform/ThreadPoolEngine.h"
 #include "platform/UringEngine.h"
 #include "pt/PlainMutex.h"
@@ -16,6 +17,7 @@ namespace {
 
 constexpr int kDefaultUringThreads = 3;
 constexpr int kDefaultPoolThreads = 4;
+constexpr int kDefaultSplitWriteThreads = 2;
 
 struct PlatformRegistry {
   PlainMutex mutex;  // serialises init and uninit
@@ -60,7 +62,12 @@ std::unique_ptr<IoEngine> MakeIoEngine(const Config& config) {
       break;
   }
   try {
-    return UringEngine::Create(threads > 0 ? threads : kDefaultUringThreads);
+    // Reads on the ring, writes on the pool (SplitEngine.h says why).
+    std::unique_ptr<UringEngine> reads =
+        UringEngine::Create(threads > 0 ? threads : kDefaultUringThreads);
+    return std::make_unique<SplitEngine>(
+        std::move(reads),
+        std::make_unique<ThreadPoolEngine>(threads > 0 ? threads : kDefaultSplitWriteThreads));
   } catch (const ExSystem&) {
     // Seccomp profiles, kernel.io_uring_disabled and memlock limits all end
     // here (EPERM, ENOSYS, ENOMEM); the thread pool works everywhere.

@@ -116,6 +116,7 @@ bool DeviceCore::admit(const SmartPointer<IoRequest>& request, IoKind kind) {
   state.fd = fd_;
   state.kind = kind;
   state.transferred = 0;
+  state.solo = false;
   PlainLock guard(mutex_);
   state.flushEpoch = baseEpoch_ + epochCounts_.size() - 1;
   ++epochCounts_.back();
@@ -153,7 +154,7 @@ void DeviceCore::finishNow(IoRequest* request) {
   IoRequestAccess::setByteCount(*request, state.transferred);
   std::vector<IoRequest*> ready;  // allocates only when successors wait
   retire(request, ready);
-  for (IoRequest* successor : ready) Dispatch(successor);
+  DispatchAll(ready);
   state.device = nullptr;
   PtIoDeviceFile* owner = owner_;
   request->decRefCount();  // the caller's reference keeps it
@@ -164,6 +165,16 @@ void DeviceCore::finishNow(IoRequest* request) {
 void DeviceCore::Dispatch(IoRequest* request) {
   if (IoFaultInjection::Armed() && IoFaultInjection::Intercept(request)) return;
   EnterEngine(request);
+}
+
+// Dispatches requests that a retire released, as one batch for the engine.
+void DeviceCore::DispatchAll(std::vector<IoRequest*>& requests) {
+  if (requests.empty()) return;
+  if (IoFaultInjection::Armed()) {
+    std::erase_if(requests,
+                  [](IoRequest* request) { return IoFaultInjection::Intercept(request); });
+  }
+  EnterEngine(requests.data(), requests.size());
 }
 
 void DeviceCore::retire(IoRequest* request, std::vector<IoRequest*>& ready) {
@@ -193,7 +204,7 @@ void DeviceCore::Finish(IoRequest* request, int error) {
   std::vector<IoRequest*> ready;  // allocates only when successors wait
   if (error == 0) {
     device->retire(request, ready);
-    for (IoRequest* successor : ready) Dispatch(successor);
+    DispatchAll(ready);
     state.device = nullptr;
     Deliver(*request, error);
   } else {
@@ -203,7 +214,7 @@ void DeviceCore::Finish(IoRequest* request, int error) {
     state.device = nullptr;
     Deliver(*request, error);
     device->retire(request, ready);
-    for (IoRequest* successor : ready) Dispatch(successor);
+    DispatchAll(ready);
   }
 
   request->decRefCount();
@@ -313,6 +324,20 @@ void EnterEngine(IoRequest* request) {
   TestPoint::Signal(TestPoint::Id::DeviceRequestEntered, IoRequestAccess::state(*request).fd,
                     request->offset());
   CurrentIoEngine()->submit(request);
+}
+
+void EnterEngine(IoRequest* const* requests, size_t count) {
+  if (TestPoint::Watched()) {
+    for (size_t i = 0; i < count; ++i) {
+      TestPoint::Signal(TestPoint::Id::DeviceRequestEntered,
+                        IoRequestAccess::state(*requests[i]).fd, requests[i]->offset());
+    }
+  }
+  if (count == 1) {
+    CurrentIoEngine()->submit(requests[0]);
+  } else {
+    CurrentIoEngine()->submitBatch(requests, count);
+  }
 }
 
 void FinishRequest(IoRequest* request, int error) {

@@ -19,6 +19,7 @@ struct RequestState {
   int fd = -1;
   IoKind kind = IoKind::Read;
   int transferred = 0;  // bytes done so far; short transfers continue from here
+  bool solo = false;    // carried out alone, never in a WriteGroup (set after a group fell short)
 
   // Set by the fault-injection seam (tests only).
   int injectedError = 0;    // fail the request with this errno instead of doing it

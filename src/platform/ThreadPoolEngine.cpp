@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <sys/uio.h>
+
+#include <cassert>
 #include <cerrno>
 #include <system_error>
 
@@ -34,16 +37,54 @@ void ThreadPoolEngine::stopThreads() {
 }
 
 void ThreadPoolEngine::submit(IoRequest* request) {
-  IoRequestAccess::state(*request).next = nullptr;
   PlainLock guard(mutex_);
+  // Only an empty queue can have the thread on duty waiting.
+  if (head_ == nullptr) work_.notify_one();
+  append(request);
+  PT_DEBUG_CHECK(queued_, invariantsHold());
+}
+
+void ThreadPoolEngine::submitBatch(IoRequest* const* requests, size_t count) {
+  PlainLock guard(mutex_);
+  if (head_ == nullptr && count > 0) work_.notify_one();
+  for (size_t i = 0; i < count; ++i) append(requests[i]);
+  PT_DEBUG_CHECK(queued_, invariantsHold());
+}
+
+void ThreadPoolEngine::append(IoRequest* request) {
+  IoRequestAccess::state(*request).next = nullptr;
   if (tail_) {
     IoRequestAccess::state(*tail_).next = request;
   } else {
     head_ = request;
-    work_.notify_one();  // only an empty queue can have the thread on duty waiting
   }
   tail_ = request;
   ++queued_;
+}
+
+// Moves the queued writes that extend `group` into it. A queue in ascending
+// order joins in one pass; a second pass picks up writes queued before their
+// lower neighbour.
+void ThreadPoolEngine::gather(WriteGroup& group) {
+  for (int pass = 0; pass < 2 && !group.full(); ++pass) {
+    bool grew = false;
+    IoRequest* previous = nullptr;
+    size_t scanned = 0;
+    for (IoRequest* r = head_; r != nullptr && scanned < WriteGroup::kGatherScan; ++scanned) {
+      IoRequest* next = IoRequestAccess::state(*r).next;
+      if (group.tryAdd(r)) {
+        (previous ? IoRequestAccess::state(*previous).next : head_) = next;
+        if (tail_ == r) tail_ = previous;
+        --queued_;
+        grew = true;
+        if (group.full()) break;
+      } else {
+        previous = r;
+      }
+      r = next;
+    }
+    if (!grew) break;
+  }
   PT_DEBUG_CHECK(queued_, invariantsHold());
 }
 
@@ -67,9 +108,17 @@ void ThreadPoolEngine::workerLoop(int self) {
         continue;
       }
       IoRequest* request = pop();
+      const bool joinable = head_ != nullptr && WriteGroup::Joinable(*request);
       roster_.beginItem();
-      lock.unlock();
-      carryOut(request);
+      if (joinable) {
+        WriteGroup group(request);
+        gather(group);
+        lock.unlock();
+        carryOut(group);
+      } else {
+        lock.unlock();
+        carryOut(request);
+      }
       lock.lock();
       --carrying_;
       roster_.endItem(self);
@@ -117,6 +166,22 @@ void ThreadPoolEngine::carryOut(IoRequest* request) {
     }
   }
   FinishRequest(request, error);
+}
+
+// One pwritev for the whole group. Members written whole finish here; the
+// others are carried out alone, each hearing its own outcome.
+void ThreadPoolEngine::carryOut(WriteGroup& group) {
+  if (group.size() == 1) {
+    carryOut(group.first());
+    return;
+  }
+  group.seal();
+  assert(group.checkInvariants());
+  countGroup(group.size());
+  const ssize_t moved = pwritev(group.fd(), group.vector(), group.vectorCount(), group.offset());
+  const size_t whole = group.settle(moved < 0 ? -errno : moved);
+  for (size_t i = 0; i < whole; ++i) FinishRequest(group.member(i), 0);
+  for (size_t i = whole; i < group.size(); ++i) carryOut(group.member(i));
 }
 
 }  // namespace Pt

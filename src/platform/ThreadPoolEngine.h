@@ -2,17 +2,19 @@
 // pwrite. Used when io_uring cannot be set up, and selectable for tests.
 //
 // Requests wait in one FIFO queue. The thread on duty (DutyRoster) takes them
-// one by one, moves the bytes and runs the callback; another thread takes
-// over when one request keeps it for long while others wait.
+// one item at a time, moves the bytes and runs the callbacks; another thread
+// takes over when one item keeps it for long while others wait. An item is
+// one request, or a write together with the queued writes adjacent to it
+// (WriteGroup), carried out with one pwritev.
 //
 // Invariants, whenever `mutex_` is free (checkInvariants() walks them; debug
 // builds check after each change while the queue is short):
-// - a request is in the queue from submit() until one thread takes it; that
-//   thread alone then moves its bytes and finishes it;
+// - a request is in the queue from submit() until one thread takes it (alone
+//   or in a group); that thread alone then moves its bytes and finishes it;
 // - the queue is a list from head_ to tail_ through RequestState::next,
 //   without a cycle, `queued_` long; head_ and tail_ are both null or neither;
-// - `carrying_` counts the requests taken and not yet finished, at most one
-//   per thread.
+// - `carrying_` counts the items taken and not yet finished, at most one per
+//   thread.
 #pragma once
 
 #include <condition_variable>
@@ -21,6 +23,7 @@
 
 #include "platform/DutyRoster.h"
 #include "platform/IoEngine.h"
+#include "platform/WriteGroup.h"
 #include "pt/PlainMutex.h"
 
 namespace Pt {
@@ -32,6 +35,7 @@ class ThreadPoolEngine final : public IoEngine {
 
   IoEngineKind kind() const override { return IoEngineKind::ThreadPool; }
   void submit(IoRequest* request) override PT_EXCLUDES(mutex_);
+  void submitBatch(IoRequest* const* requests, size_t count) override PT_EXCLUDES(mutex_);
 
   // True when every invariant above holds. Never throws; changes nothing.
   bool checkInvariants() PT_EXCLUDES(mutex_);
@@ -41,8 +45,11 @@ class ThreadPoolEngine final : public IoEngine {
 
   void workerLoop(int self) PT_EXCLUDES(mutex_);
   IoRequest* pop() PT_REQUIRES(mutex_);  // the queue must not be empty
+  void append(IoRequest* request) PT_REQUIRES(mutex_);
+  void gather(WriteGroup& group) PT_REQUIRES(mutex_);
   void stopThreads() PT_EXCLUDES(mutex_);
   static void carryOut(IoRequest* request);
+  void carryOut(WriteGroup& group);
   bool invariantsHold() const PT_REQUIRES(mutex_);
 
   PlainMutex mutex_;

@@ -1,6 +1,9 @@
 #include "platform/UringEngine.h"
 
+#include <algorithm>
+#include <cassert>
 #include <cerrno>
+#include <cstdint>
 #include <system_error>
 
 #include "platform/InvariantCheck.h"
@@ -60,14 +63,25 @@ UringEngine::~UringEngine() {
 void UringEngine::submit(IoRequest* request) {
   PlainLock guard(submitMutex_);
   pending_.push_back(request);
-  anyPending_.store(true, std::memory_order_relaxed);
-  if (reaperWaiting_ && !wakeQueued_) {
+  wakeReaper();
+  PT_DEBUG_CHECK(inFlight_, invariantsHold());
+}
+
+void UringEngine::submitBatch(IoRequest* const* requests, size_t count) {
+  PlainLock guard(submitMutex_);
+  pending_.insert(pending_.end(), requests, requests + count);
+  wakeReaper();
+  PT_DEBUG_CHECK(inFlight_, invariantsHold());
+}
+
+void UringEngine::wakeReaper() {
+  anyPending_.store(!pending_.empty(), std::memory_order_relaxed);
+  if (reaperWaiting_ && !wakeQueued_ && !pending_.empty()) {
     // A no-op completes at once, on this thread, and cannot be cancelled.
     wakeQueued_ = true;
     pushNoOp(&kWakeTag);
     io_uring_submit(&ring_);
   }
-  PT_DEBUG_CHECK(inFlight_, invariantsHold());
 }
 
 io_uring_sqe* UringEngine::nextSqe() {
@@ -91,7 +105,12 @@ void UringEngine::flushPending() {
     IoRequest* request = pending_.front();
     pending_.pop_front();
     linkInFlight(request);
-    prepare(request);
+    std::unique_ptr<WriteGroup> group = gather(request);
+    if (group) {
+      prepareGroup(group.release());  // the completion deletes it
+    } else {
+      prepare(request);
+    }
   }
   anyPending_.store(!pending_.empty(), std::memory_order_relaxed);
   io_uring_submit(&ring_);
@@ -135,6 +154,37 @@ void UringEngine::prepare(IoRequest* request) {
   }
   io_uring_sqe_set_data(sqe, request);
   PT_HANDOFF_RELEASE(request);
+}
+
+std::unique_ptr<WriteGroup> UringEngine::gather(IoRequest* request) {
+  if (pending_.empty() || !WriteGroup::Joinable(*request)) return nullptr;
+  auto group = std::make_unique<WriteGroup>(request);
+  // A queue in ascending order joins in one pass; a second pass picks up
+  // writes queued before their lower neighbour.
+  for (int pass = 0; pass < 2 && !group->full(); ++pass) {
+    const size_t window = std::min(pending_.size(), WriteGroup::kGatherScan);
+    const auto end = pending_.begin() + static_cast<std::ptrdiff_t>(window);
+    const auto kept = std::remove_if(
+        pending_.begin(), end, [&](IoRequest* candidate) { return group->tryAdd(candidate); });
+    if (kept == end) break;
+    pending_.erase(kept, end);
+  }
+  if (group->size() == 1) return nullptr;
+  return group;
+}
+
+void UringEngine::prepareGroup(WriteGroup* group) {
+  group->seal();
+  assert(group->checkInvariants());
+  countGroup(group->size());
+  io_uring_sqe* sqe = nextSqe();
+  io_uring_prep_writev(sqe, group->fd(), group->vector(),
+                       static_cast<unsigned>(group->vectorCount()),
+                       static_cast<__u64>(group->offset()));
+  sqe->flags |= IOSQE_ASYNC;
+  // Groups are told from requests by the low bit of the tag.
+  io_uring_sqe_set_data(sqe, reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(group) | 1));
+  PT_HANDOFF_RELEASE(group);
 }
 
 void UringEngine::completionLoop(int self) {
@@ -200,15 +250,26 @@ size_t UringEngine::waitAndReap(Completion* batch, size_t capacity) {
   for (unsigned i = 0; i < count; ++i) {
     void* tag = io_uring_cqe_get_data(cqes[i]);
     if (tag == &kWakeTag || tag == &kStopTag) continue;
+    const auto bits = reinterpret_cast<uintptr_t>(tag);
+    if ((bits & 1) != 0) {
+      auto* group = reinterpret_cast<WriteGroup*>(bits & ~uintptr_t{1});
+      PT_HANDOFF_ACQUIRE(group);
+      batch[taken++] = {nullptr, group, cqes[i]->res};
+      continue;
+    }
     auto* request = static_cast<IoRequest*>(tag);
     PT_HANDOFF_ACQUIRE(request);
-    batch[taken++] = {request, cqes[i]->res};
+    batch[taken++] = {request, nullptr, cqes[i]->res};
   }
   io_uring_cq_advance(&ring_, count);
   return taken;
 }
 
 void UringEngine::handle(const Completion& completion) {
+  if (completion.group != nullptr) {
+    handleGroup(completion.group, completion.result);
+    return;
+  }
   IoRequest* request = completion.request;
   RequestState& state = IoRequestAccess::state(*request);
   int error = state.injectedError;
@@ -219,6 +280,22 @@ void UringEngine::handle(const Completion& completion) {
     prepare(request);  // the rest of a short transfer, or a retry; still in flight
     io_uring_submit(&ring_);
   }
+}
+
+// Members written whole finish; the others go back to the front of the
+// queue, in order, to be carried out alone.
+void UringEngine::handleGroup(WriteGroup* group, int result) {
+  const size_t whole = group->settle(result);
+  {
+    PlainLock guard(submitMutex_);
+    unlinkInFlight(group->first());
+    for (size_t i = group->size(); i-- > whole;) pending_.push_front(group->member(i));
+    anyPending_.store(!pending_.empty(), std::memory_order_relaxed);
+    if (!pending_.empty() && inFlight_ < maxInFlight_) flushPending();
+    PT_DEBUG_CHECK(inFlight_, invariantsHold());
+  }
+  for (size_t i = 0; i < whole; ++i) FinishRequest(group->member(i), 0);
+  delete group;
 }
 
 void UringEngine::finish(IoRequest* request, int error) {

@@ -7,12 +7,21 @@
 // only queues the request in `pending_`, and wakes the thread on duty with a
 // no-op when it sleeps in the kernel. The thread on duty moves pending
 // requests into the ring before each wait, which also batches submissions
-// under load. At most `maxInFlight_` requests are in the kernel at once, so
-// the completion queue can never overflow.
+// under load: whatever is pending goes in with one io_uring_submit. At most
+// `maxInFlight_` operations are in the kernel at once, so the completion
+// queue can never overflow.
+//
+// Writes pending together to adjacent ranges of one file go in as one
+// writev (WriteGroup), which counts as one operation in flight: its first
+// request stands for it in the in-flight list. When a group falls short or
+// fails, its members not written whole go back to the front of `pending_`,
+// marked to be carried out alone.
 //
 // Completion: the thread on duty (DutyRoster) reaps a batch of completions
 // into `ready_` and finishes them one by one, callbacks included; only it
-// touches the completion queue. Another thread takes over the duty when one
+// touches the completion queue. Completions thus reach their callbacks
+// without a wake-up per request: one wait in the kernel returns up to
+// kReapBatch of them. Another thread takes over the duty when one
 // callback keeps it for long while more work waits.
 //
 // Invariants, whenever `submitMutex_` is free (checkInvariants() walks them;
@@ -41,6 +50,7 @@
 
 #include "platform/DutyRoster.h"
 #include "platform/IoEngine.h"
+#include "platform/WriteGroup.h"
 #include "pt/PlainMutex.h"
 
 namespace Pt {
@@ -54,6 +64,7 @@ class UringEngine final : public IoEngine {
 
   IoEngineKind kind() const override { return IoEngineKind::IoUring; }
   void submit(IoRequest* request) override PT_EXCLUDES(submitMutex_);
+  void submitBatch(IoRequest* const* requests, size_t count) override PT_EXCLUDES(submitMutex_);
 
   // True when every invariant above holds. Never throws; changes nothing.
   bool checkInvariants() PT_EXCLUDES(submitMutex_);
@@ -62,7 +73,8 @@ class UringEngine final : public IoEngine {
   friend struct UringEngineTestAccess;  // tests break the structure on purpose
 
   struct Completion {
-    IoRequest* request;
+    IoRequest* request;  // null for a group
+    WriteGroup* group;   // null for a single request
     int result;
   };
 
@@ -70,9 +82,15 @@ class UringEngine final : public IoEngine {
   void completionLoop(int self) PT_EXCLUDES(reapMutex_);
   size_t waitAndReap(Completion* batch, size_t capacity) PT_EXCLUDES(submitMutex_);
   void handle(const Completion& completion) PT_EXCLUDES(submitMutex_);
+  void handleGroup(WriteGroup* group, int result) PT_EXCLUDES(submitMutex_);
+  void wakeReaper() PT_REQUIRES(submitMutex_);
   void finish(IoRequest* request, int error) PT_EXCLUDES(submitMutex_);
   // On an engine thread:
   void prepare(IoRequest* request) PT_REQUIRES(submitMutex_);
+  // Takes the pending writes that extend a group of `request`; null when
+  // none does.
+  std::unique_ptr<WriteGroup> gather(IoRequest* request) PT_REQUIRES(submitMutex_);
+  void prepareGroup(WriteGroup* group) PT_REQUIRES(submitMutex_);
   void flushPending() PT_REQUIRES(submitMutex_);
   // On any thread:
   io_uring_sqe* nextSqe() PT_REQUIRES(submitMutex_);

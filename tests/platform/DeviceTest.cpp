@@ -41,7 +41,9 @@ class DeviceTest : public testing::TestWithParam<Pt::IoEngineKind> {
     config.asyncFileIo = true;
     config.ioEngine = GetParam();
     Pt::PlatformInit(config);
-    ASSERT_EQ(Pt::ActiveIoEngine(), GetParam());
+    // Automatic runs the split engine, which reports the ring.
+    const bool automatic = GetParam() == Pt::IoEngineKind::Automatic;
+    ASSERT_EQ(Pt::ActiveIoEngine(), automatic ? Pt::IoEngineKind::IoUring : GetParam());
     std::ofstream(path_, std::ios::binary).write(std::string(kFileSize, '\0').data(), kFileSize);
     device_ = PtIoDeviceFile::Create(dir_.wfile("device.bin").c_str(), PtIoDeviceFile::ReadWrite);
   }
@@ -357,10 +359,17 @@ TEST_P(DeviceTest, ReadNowOrQueueWaitsBehindAnOverlappingWrite) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, DeviceTest,
-                         testing::Values(Pt::IoEngineKind::IoUring, Pt::IoEngineKind::ThreadPool),
+                         testing::Values(Pt::IoEngineKind::IoUring, Pt::IoEngineKind::ThreadPool,
+                                         Pt::IoEngineKind::Automatic),
                          [](const testing::TestParamInfo<Pt::IoEngineKind>& info) {
-                           return info.param == Pt::IoEngineKind::IoUring ? "IoUring"
-                                                                          : "ThreadPool";
+                           switch (info.param) {
+                             case Pt::IoEngineKind::IoUring:
+                               return "IoUring";
+                             case Pt::IoEngineKind::ThreadPool:
+                               return "ThreadPool";
+                             default:
+                               return "Split";  // reads on the ring, writes on the pool
+                           }
                          });
 
 // A ring that cannot be set up falls back to the thread pool, unless io_uring
