@@ -1,13 +1,15 @@
 # Front door of the build. Every target that builds first makes sure the
 # Debian packages it needs are installed, and only those: the compiler, CMake,
 # liburing and zlib always (zlib for the demo's PNG); GoogleTest and Google
-# Benchmark because the default configuration builds the suites; Universal
+# Benchmark because the default configuration builds the suites; libmemcached
+# for libtarn-memcached.so and memcached for its suite; Universal
 # Ctags for the check that every declared function is exported; clang only for
 # `make fuzz` and the clang-tsa preset; Doxygen only for `make docs`; the Debian
 # tools only for `make deb`.
 PRESET ?= default
 BASE_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev zlib1g-dev \
-                 libgtest-dev libgmock-dev libbenchmark-dev universal-ctags
+                 libgtest-dev libgmock-dev libbenchmark-dev universal-ctags \
+                 memcached libmemcached-dev
 CLANG_PACKAGES := clang libclang-rt-14-dev
 DOCS_PACKAGES := cmake doxygen
 # The Build-Depends of debian/control, and the tools that build and check.
