@@ -13,7 +13,7 @@ BASE_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev zlib1g-dev \
 CLANG_PACKAGES := clang libclang-rt-14-dev
 DOCS_PACKAGES := cmake doxygen
 # The Build-Depends of debian/control, and the tools that build and check.
-DEB_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev zlib1g-dev universal-ctags doxygen \
+DEB_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev libmemcached-dev zlib1g-dev universal-ctags doxygen \
                 debhelper dpkg-dev fakeroot lintian
 # Targets add to this what they need beyond the base (make passes a target's
 # variables on to its prerequisites, so `deps` sees them).
@@ -116,7 +116,8 @@ docs:
 	{ cat Doxyfile; echo "INPUT += $$(cmake -P cmake/TarnPublicHeaders.cmake | tr '\n' ' ')"; } | doxygen -
 	@echo "API reference: build/docs/html/index.html"
 
-# Debian packages libtarn0, libtarn-dev and tarn-tools, then lintian over
+# Debian packages libtarn0, libtarn-dev, tarn-tools, libtarn-memcached0 and
+# libtarn-memcached-dev, then lintian over
 # them; dpkg-buildpackage writes them next to the source tree, from where they
 # move to build/deb.
 deb:
@@ -125,7 +126,8 @@ deb:
 	mkdir -p build/deb
 	version=$$(dpkg-parsechangelog -S Version); arch=$$(dpkg-architecture -qDEB_HOST_ARCH); \
 	for f in tarn_$${version}_$${arch}.buildinfo tarn_$${version}_$${arch}.changes \
-	    libtarn0 libtarn0-dbgsym libtarn-dev tarn-tools tarn-tools-dbgsym; do \
+	    libtarn0 libtarn0-dbgsym libtarn-dev tarn-tools tarn-tools-dbgsym \
+	    libtarn-memcached0 libtarn-memcached0-dbgsym libtarn-memcached-dev; do \
 	  case $$f in *_*) ;; *) f=$${f}_$${version}_$${arch}.deb ;; esac; \
 	  if [ -e ../$$f ]; then mv ../$$f build/deb/; fi; \
 	done; \
