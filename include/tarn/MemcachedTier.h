@@ -33,7 +33,9 @@
 // caches through TierConfig. The destructor (when the last owner lets go)
 // answers every lookup still pending with Unavailable, drops the publishes
 // not yet sent and joins its threads; it may wait up to one receive timeout
-// for a request already on the wire.
+// for a request already on the wire. The last owner must not let go from
+// inside a TierLookupReceiver call (that runs on one of the threads the
+// destructor joins).
 //
 // Thread-safety: every member may be called from any thread, several at once.
 //

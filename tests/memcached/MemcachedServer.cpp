@@ -170,4 +170,25 @@ std::optional<std::string> RawClient::get(std::string_view key) {
   return value;
 }
 
+std::vector<std::string> RawClient::keys() {
+  sendAll("lru_crawler metadump all\r\n");
+  std::vector<std::string> keys;
+  // Lines "key=<url-encoded key> exp=... la=..." up to "END".
+  for (std::string line = readLine(); line != "END"; line = readLine()) {
+    if (line.rfind("key=", 0) != 0) throw std::runtime_error("unexpected metadump line: " + line);
+    const std::string encoded = line.substr(4, line.find(' ') - 4);
+    std::string key;
+    for (std::size_t i = 0; i < encoded.size(); ++i) {
+      if (encoded[i] == '%' && i + 2 < encoded.size()) {
+        key += char(std::stoi(encoded.substr(i + 1, 2), nullptr, 16));
+        i += 2;
+      } else {
+        key += encoded[i];
+      }
+    }
+    keys.push_back(key);
+  }
+  return keys;
+}
+
 }  // namespace TarnTest

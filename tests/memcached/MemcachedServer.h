@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace TarnTest {
 
@@ -65,6 +66,8 @@ class RawClient {
 
   bool set(std::string_view key, std::string_view value);
   std::optional<std::string> get(std::string_view key);
+  // Every key the server holds (memcached's LRU crawler metadump).
+  std::vector<std::string> keys();
 
  private:
   void sendAll(std::string_view bytes);

@@ -271,6 +271,38 @@ TEST_F(MemcachedTierTest, DestroyingTheTierAnswersEveryLookupInFlightOnce) {
   }
 }
 
+TEST_F(MemcachedTierTest, ConcurrentLookupsAreEachAnsweredOnceWhileAServerDies) {
+  MemcachedServer a(dir_.path()), b(dir_.path());
+  auto config = configFor({a.address(), b.address()});
+  config.lookupThreads = 3;
+  auto tier = Tarn::MakeMemcachedTier(config);
+  for (int i = 0; i < 50; ++i) tier->publish("key " + std::to_string(i), "value");
+  ASSERT_TRUE(tier->drainPublishes(10s));
+  constexpr int kThreads = 4, kLookups = 150;
+  std::vector<std::vector<TierReceiver>> receivers(kThreads);
+  for (auto& row : receivers) row = std::vector<TierReceiver>(kLookups);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kLookups; ++i) {
+        // Deadlines from already passed to comfortably far.
+        const auto deadline = Clock::now() + std::chrono::milliseconds((i % 4) * 20 - 1);
+        tier->lookup("key " + std::to_string(i % 60), deadline, receivers[t][i]);
+        if (i % 10 == 0) tier->publish("key " + std::to_string(i % 60), "again");
+      }
+    });
+  }
+  b.kill();
+  for (auto& thread : threads) thread.join();
+  for (auto& row : receivers) {
+    for (auto& receiver : row) ASSERT_TRUE(receiver.waitFor(100ms + kSlack));
+  }
+  tier.reset();  // no late second answer may come after this
+  for (int t = 0; t < kThreads; ++t) {
+    for (int i = 0; i < kLookups; ++i) ASSERT_EQ(receivers[t][i].calls(), 1) << t << " " << i;
+  }
+}
+
 TEST_F(MemcachedTierTest, ALookupPastItsDeadlineIsAnsweredAtOnce) {
   MemcachedServer server(dir_.path());
   auto tier = make({server.address()});
