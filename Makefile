@@ -25,7 +25,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 
-.PHONY: deps configure build run test stress crashtest soak bench asan tsan fuzz docs deb consumer clean compare
+.PHONY: deps configure build run test stress crashtest soak bench tierbench asan tsan fuzz docs deb consumer clean compare
 
 # Installs whichever of the packages given are missing (apt, with sudo when
 # not root).
@@ -80,6 +80,16 @@ soak: build
 bench: PRESET = default
 bench: build
 	@for b in build/default/bench/tarn_bench_*; do echo "== $$b"; $$b --benchmark_counters_tabular=true || exit 1; done
+
+# The memcached tier between two processes over two local memcached servers
+# it starts itself: objects/s generated and served by the tier, the latency a
+# tier lookup adds to a local miss, generations saved. TIERBENCH_ARGS: objects,
+# value bytes, rounds of work per object.
+TIERBENCH_ARGS ?=
+tierbench: PRESET = default
+tierbench: configure
+	cmake --build --preset default -j $(JOBS) --target tarn_tierbench
+	./build/default/bench/tarn_tierbench $(TIERBENCH_ARGS)
 
 # Sanitizers slow the stress suite down many times; it runs a smaller count.
 asan:

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -172,9 +173,14 @@ std::optional<std::string> RawClient::get(std::string_view key) {
 
 std::vector<std::string> RawClient::keys() {
   sendAll("lru_crawler metadump all\r\n");
+  // Lines "key=<url-encoded key> exp=... la=...", each ending in a bare
+  // newline, then "END\r\n".
+  std::size_t end;
+  while ((end = buffered_.find("END\r\n")) == std::string::npos) receiveMore();
+  std::istringstream lines(buffered_.substr(0, end));
+  buffered_.erase(0, end + 5);
   std::vector<std::string> keys;
-  // Lines "key=<url-encoded key> exp=... la=..." up to "END".
-  for (std::string line = readLine(); line != "END"; line = readLine()) {
+  for (std::string line; std::getline(lines, line);) {
     if (line.rfind("key=", 0) != 0) throw std::runtime_error("unexpected metadump line: " + line);
     const std::string encoded = line.substr(4, line.find(' ') - 4);
     std::string key;
