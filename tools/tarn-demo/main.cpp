@@ -285,7 +285,8 @@ double Milliseconds(Clock::time_point from, Clock::time_point to) {
   return std::chrono::duration<double, std::milli>(to - from).count();
 }
 
-std::unique_ptr<Tarn::Cache> OpenCache(const fs::path& file, const Pt::SmartPointer<TileFactory>& factory,
+std::unique_ptr<Tarn::Cache> OpenCache(const fs::path& file,
+                                       const Pt::SmartPointer<TileFactory>& factory,
                                        const Tarn::TierConfig& tier, Phase& phase) {
   Tarn::Config config{};
   config.memoryTarget = 32 << 20;  // room for every tile (2.3 MiB)
@@ -417,9 +418,8 @@ void PrintPhases(const std::vector<Phase>& phases) {
 // Whether the cache's counters agree with what the factory saw: a generate
 // request for every tile computed, a file read for every tile decoded.
 bool CountersAgree(const Phase& phase) {
-  const bool agree =
-      phase.counts.generated == phase.created &&
-      phase.counts.fileReads + phase.fromTier == phase.decoded;
+  const bool agree = phase.counts.generated == phase.created &&
+                     phase.counts.fileReads + phase.fromTier == phase.decoded;
   if (!agree) {
     std::printf(
         "%s phase: the cache counted %d generated and %d file reads, the factory %d and %d\n",
