@@ -359,14 +359,13 @@ std::string CacheManager::checkInvariants() {
   Pt::MutexLock index(indexLock_);
   std::string broken = slots_.checkInvariants();
   if (!broken.empty()) return broken;
-  size_t lookups = 0;
-  bool planless = false;
+  std::vector<int32_t> lookups;
   slots_.forEachIndexed([&](const CacheSlot& slot) {
-    if (slot.state != SlotState::TierLookup) return;
-    ++lookups;
-    planless = planless || tierPlans_.count(slot.requestId()) == 0;
+    if (slot.state == SlotState::TierLookup) lookups.push_back(slot.requestId());
   });
-  if (planless || lookups != tierPlans_.size()) {
+  bool planless = false;
+  for (const int32_t requestId : lookups) planless = planless || tierPlans_.count(requestId) == 0;
+  if (planless || lookups.size() != tierPlans_.size()) {
     return "the tier lookups in progress and their plans do not match";
   }
   return {};

@@ -80,8 +80,9 @@ void TierClient::publish(const std::string& type, const PrimaryKey& primaryKey,
     ++tooLarge_;
     return;
   }
-  tier_->publish(key, EncodeTierRecord(key, type, secondaryKey, payload, length));
-  ++published_;
+  const std::string value = EncodeTierRecord(key, type, secondaryKey, payload, length);
+  ++published_;  // counted first, so that whoever sees the value sees the count
+  tier_->publish(key, value);
 }
 
 TierStatistics TierClient::statistics() const {

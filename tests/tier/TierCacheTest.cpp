@@ -12,10 +12,18 @@
 #include <vector>
 
 #include "core/RaiseSites.h"
+#include "manager/CacheManager.h"
 #include "support/CacheFixture.h"
 #include "support/PostedExceptions.h"
 #include "tier/FakeTier.h"
 #include "tier/TierRecord.h"
+
+namespace Tarn {
+// Reaches a cache's manager, for its invariant check.
+struct CacheInternals {
+  static CacheManager& Of(Cache& cache) { return *cache.manager_; }
+};
+}  // namespace Tarn
 
 namespace {
 
@@ -155,6 +163,7 @@ TEST_F(TierCacheTest, RequestsForOneKeyShareOneLookup) {
   ASSERT_TRUE(tier_->waitPending(1));
   EXPECT_EQ(tier_->lookups, 1);
   EXPECT_TRUE(cache_->isCached(Key("c")));
+  EXPECT_EQ(Tarn::CacheInternals::Of(*cache_).checkInvariants(), "");
   tier_->release();
   for (size_t i = 0; i < receivers.size(); ++i) {
     ASSERT_TRUE(receivers[i]->waitFor(1));
@@ -165,6 +174,26 @@ TEST_F(TierCacheTest, RequestsForOneKeyShareOneLookup) {
   EXPECT_EQ(tier_->lookups, 1);
   EXPECT_EQ(factory_->creates, 1);
   EXPECT_EQ(stats().generated, 1);
+  EXPECT_EQ(Tarn::CacheInternals::Of(*cache_).checkInvariants(), "");
+}
+
+// A findCreate of a type no factory serves cannot turn a find's lookup into
+// a generation: it throws and leaves the find waiting as it was.
+TEST_F(TierCacheTest, UnknownTypeDoesNotJoinAFindsLookup) {
+  tier_->mode = Mode::Held;
+  openTiered();
+  Receiver finding(new RecordingReceiver);
+  Receiver refused(new RecordingReceiver);
+  cache_->find(Key("u"), finding.get());
+  ASSERT_TRUE(tier_->waitPending(1));
+  EXPECT_THROW(cache_->findCreate(Key("u"), Secondary("s"), "nosuch", refused.get()),
+               Tarn::ExFactoryClassNotFound);
+  EXPECT_EQ(Tarn::CacheInternals::Of(*cache_).checkInvariants(), "");
+  tier_->release();
+  ASSERT_TRUE(finding->waitFor(1));
+  EXPECT_EQ(finding->calls().at(0).kind, ReceiverCall::Cancelled);
+  EXPECT_EQ(refused->count(), 0u);
+  EXPECT_EQ(factory_->creates, 0);
 }
 
 TEST_F(TierCacheTest, RefusedValuesAreCountedAndGenerated) {
@@ -240,13 +269,13 @@ TEST_F(TierCacheTest, ValueAboveTheTiersLimitIsNotOffered) {
   tier_->maxValue = recordSize - 1;
   openTiered();
   ASSERT_TRUE(findCreate("k1"));
-  tier_->maxValue = recordSize;
-  ASSERT_TRUE(findCreate("k2"));
-  ASSERT_TRUE(tier_->waitPublished(1));
-  ASSERT_TRUE(waitTierCounted(2));
+  // Offered after the receivers are told: wait for the refusal to count.
   for (int i = 0; i < 2000 && cache_->tierStatistics().tooLarge == 0; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
+  tier_->maxValue = recordSize;
+  ASSERT_TRUE(findCreate("k2"));
+  ASSERT_TRUE(tier_->waitPublished(1));
   const Tarn::TierStatistics statistics = cache_->tierStatistics();
   EXPECT_EQ(statistics.tooLarge, 1u);
   EXPECT_EQ(statistics.published, 1u);
