@@ -1,17 +1,19 @@
 # Front door of the build. Every target that builds first makes sure the
 # Debian packages it needs are installed, and only those: the compiler, CMake,
 # liburing and zlib always (zlib for the demo's PNG); GoogleTest and Google
-# Benchmark because the default configuration builds the suites; Universal
+# Benchmark because the default configuration builds the suites; libmemcached
+# for libtarn-memcached.so and memcached for its suite; Universal
 # Ctags for the check that every declared function is exported; clang only for
 # `make fuzz` and the clang-tsa preset; Doxygen only for `make docs`; the Debian
 # tools only for `make deb`.
 PRESET ?= default
 BASE_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev zlib1g-dev \
-                 libgtest-dev libgmock-dev libbenchmark-dev universal-ctags
+                 libgtest-dev libgmock-dev libbenchmark-dev universal-ctags \
+                 memcached libmemcached-dev
 CLANG_PACKAGES := clang libclang-rt-14-dev
 DOCS_PACKAGES := cmake doxygen
 # The Build-Depends of debian/control, and the tools that build and check.
-DEB_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev zlib1g-dev universal-ctags doxygen \
+DEB_PACKAGES := cmake ninja-build g++ pkg-config liburing-dev libmemcached-dev zlib1g-dev universal-ctags doxygen \
                 debhelper dpkg-dev fakeroot lintian
 # Targets add to this what they need beyond the base (make passes a target's
 # variables on to its prerequisites, so `deps` sees them).
@@ -23,7 +25,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 
-.PHONY: deps configure build run test stress crashtest churntest soak bench asan tsan fuzz docs deb consumer clean compare
+.PHONY: deps configure build run test stress crashtest churntest soak bench tierbench asan tsan fuzz docs deb consumer clean compare
 
 # Installs whichever of the packages given are missing (apt, with sudo when
 # not root).
@@ -87,6 +89,16 @@ bench: PRESET = default
 bench: build
 	@for b in build/default/bench/tarn_bench_*; do echo "== $$b"; $$b --benchmark_counters_tabular=true || exit 1; done
 
+# The memcached tier between two processes over two local memcached servers
+# it starts itself: objects/s generated and served by the tier, the latency a
+# tier lookup adds to a local miss, generations saved. TIERBENCH_ARGS: objects,
+# value bytes, rounds of work per object.
+TIERBENCH_ARGS ?=
+tierbench: PRESET = default
+tierbench: configure
+	cmake --build --preset default -j $(JOBS) --target tarn_tierbench
+	./build/default/bench/tarn_tierbench $(TIERBENCH_ARGS)
+
 # Sanitizers slow the stress suite down many times; it runs a smaller count.
 asan:
 	TARN_STRESS_OPS=$${TARN_STRESS_OPS:-200000} $(MAKE) test PRESET=asan
@@ -122,7 +134,8 @@ docs:
 	{ cat Doxyfile; echo "INPUT += $$(cmake -P cmake/TarnPublicHeaders.cmake | tr '\n' ' ')"; } | doxygen -
 	@echo "API reference: build/docs/html/index.html"
 
-# Debian packages libtarn0, libtarn-dev and tarn-tools, then lintian over
+# Debian packages libtarn0, libtarn-dev, tarn-tools, libtarn-memcached0 and
+# libtarn-memcached-dev, then lintian over
 # them; dpkg-buildpackage writes them next to the source tree, from where they
 # move to build/deb.
 deb:
@@ -131,7 +144,8 @@ deb:
 	mkdir -p build/deb
 	version=$$(dpkg-parsechangelog -S Version); arch=$$(dpkg-architecture -qDEB_HOST_ARCH); \
 	for f in tarn_$${version}_$${arch}.buildinfo tarn_$${version}_$${arch}.changes \
-	    libtarn0 libtarn0-dbgsym libtarn-dev tarn-tools tarn-tools-dbgsym; do \
+	    libtarn0 libtarn0-dbgsym libtarn-dev tarn-tools tarn-tools-dbgsym \
+	    libtarn-memcached0 libtarn-memcached0-dbgsym libtarn-memcached-dev; do \
 	  case $$f in *_*) ;; *) f=$${f}_$${version}_$${arch}.deb ;; esac; \
 	  if [ -e ../$$f ]; then mv ../$$f build/deb/; fi; \
 	done; \

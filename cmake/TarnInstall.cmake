@@ -5,6 +5,11 @@
 #   runtime  libtarn.so.MAJOR and its versioned file
 #   dev      headers, the libtarn.so link, CMake package, pkg-config file
 #   tools    tarn-inspect and tarn-inspect(1)
+#   memcached-runtime  libtarn-memcached.so.0 and its versioned file
+#   memcached-dev      tarn/MemcachedTier.h, the libtarn-memcached.so link,
+#                      the CMake component (find_package(Tarn COMPONENTS
+#                      memcached), target Tarn::tarn-memcached) and
+#                      tarn-memcached.pc
 include(CMakePackageConfigHelpers)
 
 include(${CMAKE_CURRENT_LIST_DIR}/TarnPublicHeaders.cmake)
@@ -58,6 +63,10 @@ install(CODE "
 " COMPONENT dev)
 install(FILES ${PROJECT_BINARY_DIR}/tarn.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+if(TARN_BUILD_MEMCACHED)
+  include(${CMAKE_CURRENT_LIST_DIR}/TarnMemcachedInstall.cmake)
+endif()
 
 if(TARN_BUILD_TOOLS)
   install(TARGETS tarn-inspect RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)

@@ -10,9 +10,13 @@ get_filename_component(_TARN_SOURCE_DIR ${CMAKE_CURRENT_LIST_DIR} DIRECTORY)
 # they include, directly or through others. The platform headers nobody of them
 # includes stay inside the source tree: they declare classes libtarn.so does
 # not export. TARN_PUBLIC_HEADERS receives the list, relative to include/.
+# tarn/MemcachedTier.h belongs to libtarn-memcached.so and is installed with
+# it (TARN_MEMCACHED_PUBLIC_HEADERS), not with libtarn.
+set(TARN_MEMCACHED_PUBLIC_HEADERS tarn/MemcachedTier.h)
 function(tarn_public_headers out)
   set(root ${_TARN_SOURCE_DIR}/include)
   file(GLOB pending RELATIVE ${root} ${root}/tarn/*.h)
+  list(REMOVE_ITEM pending ${TARN_MEMCACHED_PUBLIC_HEADERS})
   set(seen "")
   while(pending)
     list(POP_FRONT pending header)

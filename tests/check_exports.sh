@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# What libtarn.so exports, against what it must and must not.
+# What libtarn.so or libtarn-memcached.so exports, against what it must and
+# must not.
 #
 # usage: check_exports.sh LIBRARY [HEADER...]
 #
-# Always: the library exports the API, nothing outside the namespaces Tarn and
-# Pt, and no internal class (those must stay hidden).
+# Always: the library exports its API and no internal class (those must stay
+# hidden); libtarn.so nothing outside the namespaces Tarn and Pt,
+# libtarn-memcached.so nothing but MemcachedTier and MakeMemcachedTier.
 #
 # With headers (the installed ones): every function they declare without
 # defining is exported, or an application that calls it fails to link. The
@@ -23,20 +25,34 @@ library=$1
 shift
 
 symbols=$(nm -D --defined-only -C "$library" | awk '{ $1=""; $2=""; sub(/^  /, ""); print }')
-for api in Tarn::CreateCacheFile Tarn::CompactCacheFile Tarn::Cache::clear; do
+name=$(basename "$library")
+# What each library must export, what it may export at all, and which of its
+# internal names must stay hidden.
+case "$name" in
+  libtarn-memcached.so*)
+    required="Tarn::MakeMemcachedTier Tarn::MemcachedTier::~MemcachedTier"
+    allowed='^(Tarn::(MemcachedTier::|MakeMemcachedTier\()|(typeinfo (name )?for|vtable for) Tarn::MemcachedTier$|_init$|_fini$)'
+    hidden='^(Tarn::Memcached::|memcached_)'
+    ;;
+  *)
+    required="Tarn::CreateCacheFile Tarn::CompactCacheFile Tarn::Cache::clear"
+    allowed='^(Tarn::|Pt::|typeinfo (name )?for (Tarn|Pt)::|vtable for (Tarn|Pt)::|_init$|_fini$)'
+    hidden='^(Tarn::(FileManager|CacheManager|WorkManager|detail|Memcached)|Pt::(UringEngine|ThreadPoolEngine|RequestSequencer))'
+    ;;
+esac
+for api in $required; do
   if ! grep -q "^$api" <<<"$symbols"; then
-    echo "libtarn.so does not export $api"; exit 1
+    echo "$name does not export $api"; exit 1
   fi
 done
-# Allowed: the Tarn API, the platform types it exposes, and the typeinfo and
-# vtables of exported classes. Anything else is a leak of an internal name.
-leaks=$(grep -v -E '^(Tarn::|Pt::|typeinfo (name )?for (Tarn|Pt)::|vtable for (Tarn|Pt)::|_init$|_fini$)' <<<"$symbols" || true)
+# Anything outside the allowed names is a leak of an internal name.
+leaks=$(grep -v -E "$allowed" <<<"$symbols" || true)
 if [ -n "$leaks" ]; then
-  echo "libtarn.so exports names outside the API:"; echo "$leaks"; exit 1
+  echo "$name exports names outside the API:"; echo "$leaks"; exit 1
 fi
-internal=$(grep -E '^(Tarn::(FileManager|CacheManager|WorkManager|detail)|Pt::(UringEngine|ThreadPoolEngine|RequestSequencer))' <<<"$symbols" || true)
+internal=$(grep -E "$hidden" <<<"$symbols" || true)
 if [ -n "$internal" ]; then
-  echo "libtarn.so exports internal classes:"; echo "$internal"; exit 1
+  echo "$name exports internal classes:"; echo "$internal"; exit 1
 fi
 if [ $# -eq 0 ]; then
   echo "1 passed, 0 failed"
@@ -102,7 +118,7 @@ while IFS= read -r name; do
   wanted=$(awk -F'\t' -v n="$name" '$1 == n' "$declared" | wc -l)
   have=$(awk -v n="$name(" 'index($0, n) == 1' "$exported" | wc -l)
   if [ "$have" -lt "$wanted" ]; then
-    echo "not exported: $name (declared $wanted overload(s), libtarn.so exports $have)"
+    echo "not exported: $name (declared $wanted overload(s), $(basename "$library") exports $have)"
     awk -F'\t' -v n="$name" '$1 == n { print "    declared " $1 $2 }' "$declared"
     missing=$((missing + 1))
   fi

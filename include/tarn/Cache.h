@@ -64,6 +64,7 @@
 #include "tarn/Config.h"
 #include "tarn/Export.h"
 #include "tarn/Statistics.h"
+#include "tarn/TierConfig.h"
 
 namespace Tarn {
 
@@ -107,8 +108,33 @@ class TARN_EXPORT Cache {
         std::shared_ptr<CacheableFactory> factory);
   // Borrowed: `factory` must outlive the Cache; the cache never deletes it.
   Cache(const std::filesystem::path& path, const Config& config, CacheableFactory& factory);
-  // Ends every waiting request (receivers hear cancelled), waits for the
-  // file's outstanding writes, and closes the file.
+  // With a shared second tier (see SharedTier.h, TierConfig.h): a find or
+  // findCreate that misses in memory, among the requests in progress and in
+  // the file asks `tier.tier` before the factory runs (findCreate) or before
+  // the key counts as nowhere (find); a value found there is checked,
+  // decoded by the type's factory and inserted as if read from the file
+  // (memory and file). An object the factory generates is offered to the
+  // tier in the background. Failure is a miss: a tier that is down, slow or
+  // answers with damaged values never fails a request; the first lookup of
+  // an outage posts one Pt::Exception ("Shared Tier Unavailable!") to
+  // Pt::Exception::Post, and the next is posted only after the tier has
+  // answered in between. The tier's callbacks come on its own threads; the
+  // cache decodes and inserts on its worker threads. A TierConfig without a
+  // tier makes the cache behave as one built without it.
+  // Ownership: `tier` is copied; the cache keeps its shared_ptr to the tier
+  // until the destructor returns, and the destructor waits until every
+  // lookup it started has called back (at most the lookup deadline).
+  // Throws, besides what the other constructors throw,
+  // std::invalid_argument when a tier is given with a keyNamespace longer
+  // than 64 bytes or a deadline below 1 ms.
+  Cache(const std::filesystem::path& path, const Config& config,
+        const std::vector<Pt::SmartPointer<CacheableFactory>>& factories, const TierConfig& tier);
+  Cache(const std::filesystem::path& path, const Config& config,
+        std::shared_ptr<CacheableFactory> factory, const TierConfig& tier);
+  // Waits until the shared tier has answered every lookup of this cache (at
+  // most its deadline), ends every waiting request (receivers hear
+  // cancelled), waits for the file's outstanding writes, and closes the
+  // file. No tier callback reaches the cache after it returns.
   ~Cache();
   Cache(const Cache&) = delete;
   Cache& operator=(const Cache&) = delete;
@@ -126,7 +152,10 @@ class TARN_EXPORT Cache {
               const Pt::SmartPointer<Cacheable>& cacheable);
   // Looks the key up in memory, among requests in progress, then in the file.
   // Returns the request id, or 0 when the key is nowhere (then `receiver` is
-  // never called).
+  // never called). With a shared tier, a key found nowhere locally is then
+  // looked up in the tier under each type the cache's factories serve, in
+  // their order: find returns the request id, and the receivers hear found
+  // (a value the tier held) or cancelled (the tier has none).
   int find(const CacheKey<32>& primaryKey, CacheableReceiver* const receiver);
   int find(const CacheKey<32>& primaryKey, const Pt::SmartPointer<CacheableReceiver>& receiver);
   // `onOutcome` in place of a receiver; an empty function is refused with
@@ -205,6 +234,9 @@ class TARN_EXPORT Cache {
   // open cleared their slots) and their space is free again; 0 for a sound
   // file. Fixed once the constructor returns.
   int32_t droppedEntries();
+  // What the shared tier served, refused and was offered since the
+  // construction; all zero for a cache without a tier. Any thread.
+  TierStatistics tierStatistics();
 
  private:
   friend struct CacheInternals;  // lets tests and diagnostics reach the manager

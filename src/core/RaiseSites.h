@@ -156,6 +156,11 @@ inline constexpr const wchar_t* kClientThrewMessage =
 // read the device takes) is damaged; its find fails without reading.
 inline constexpr RaiseSite kReadEntryDamaged{kMsgFileReadEntry, {kSrcReadEntryReceiver, 64}};
 
+// Cache manager: a shared tier lookup found the tier unreachable. Posted
+// once per outage; requests go on as on a miss.
+inline constexpr RaiseSite kTierUnavailable{kOwnMessage, {kSrcManager, 1410}};
+inline constexpr const wchar_t* kTierUnavailableMessage = L"Shared Tier Unavailable!";
+
 // A std::filesystem::path given to the API that is not valid UTF-8.
 inline constexpr RaiseSite kApiPathEncoding{kSystemError, {kSrcManager, 80}};
 
@@ -212,6 +217,7 @@ inline constexpr RaiseSite kAllRaiseSites[] = {
     kClientThrew,
     kReadEntryDamaged,
     kApiPathEncoding,
+    kTierUnavailable,
 };
 
 }  // namespace Tarn

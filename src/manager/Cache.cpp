@@ -41,9 +41,10 @@ Pt::SmartPointer<FactoryManager> Registry(const Pt::SmartPointer<CacheableFactor
 }
 
 CacheManager* Open(const wchar_t* path, const Config& config,
-                   const Pt::SmartPointer<FactoryManager>& factories) {
+                   const Pt::SmartPointer<FactoryManager>& factories,
+                   const TierConfig& tier = TierConfig()) {
   CheckConfigSizes(config);
-  return new CacheManager(path, config, factories);
+  return new CacheManager(path, config, factories, tier);
 }
 
 }  // namespace
@@ -73,6 +74,16 @@ Cache::Cache(const std::filesystem::path& path, const Config& config,
 
 Cache::Cache(const std::filesystem::path& path, const Config& config, CacheableFactory& factory)
     : manager_(Open(WidePath(path).c_str(), config, Registry(BorrowedFactory(factory)))) {}
+
+Cache::Cache(const std::filesystem::path& path, const Config& config,
+             const std::vector<Pt::SmartPointer<CacheableFactory>>& factories,
+             const TierConfig& tier)
+    : manager_(Open(WidePath(path).c_str(), config, Registry(factories), tier)) {}
+
+Cache::Cache(const std::filesystem::path& path, const Config& config,
+             std::shared_ptr<CacheableFactory> factory, const TierConfig& tier)
+    : manager_(Open(WidePath(path).c_str(), config, Registry(SharedFactory(std::move(factory))),
+                    tier)) {}
 
 Cache::~Cache() {
   delete manager_;
@@ -182,6 +193,10 @@ Statistics& Cache::statistics(Statistics& statistics) {
 
 IoEngine ActiveIoEngine() {
   return PublicIoEngine(Pt::ActiveIoEngine());
+}
+
+TierStatistics Cache::tierStatistics() {
+  return manager_->tierStatistics();
 }
 
 int32_t Cache::droppedEntries() {

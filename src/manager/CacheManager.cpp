@@ -32,11 +32,13 @@ CacheManager::PlatformUser::~PlatformUser() {
 }
 
 CacheManager::CacheManager(const wchar_t* path, const Config& config,
-                           const Pt::SmartPointer<FactoryManager>& factories)
+                           const Pt::SmartPointer<FactoryManager>& factories,
+                           const TierConfig& tierConfig)
     : platform_(config),
       id_(instanceCounter.fetch_add(1) + 1),
       factories_(factories),
-      slots_(config.memoryTarget, config.memorySlack) {
+      slots_(config.memoryTarget, config.memorySlack),
+      tier_(tierConfig.tier ? std::make_unique<TierClient>(tierConfig) : nullptr) {
   WorkManager::start(config);
   try {
     fileManager_ =
@@ -47,10 +49,12 @@ CacheManager::CacheManager(const wchar_t* path, const Config& config,
   }
 }
 
-// Queued work goes first, so that no generation starts on a dying manager;
-// then every waiting receiver hears cancelled; then the file store waits for
-// the file's outstanding requests and closes it.
+// The tier's lookups in flight call back first (by their deadline), so that
+// none arrives later; then queued work goes, so that no generation starts on
+// a dying manager; then every waiting receiver hears cancelled; then the file
+// store waits for the file's outstanding requests and closes it.
 CacheManager::~CacheManager() {
+  if (tier_) tier_->close();
   WorkManager::stop(id_);
   purgeAll();
   Pt::MutexLock file(fileLock_);
@@ -67,8 +71,12 @@ int32_t CacheManager::allocateSlot(const PrimaryKey& key) {
 void CacheManager::releaseSlot(const PrimaryKey& key, PendingList& out) {
   const SlotTable::Released released = slots_.release(key, out);
   // A generation that has not started is withdrawn; one that runs finds its
-  // request id stale when it inserts.
+  // request id stale when it inserts. So is a tier answer waiting for a
+  // worker; a lookup still out finds the id stale when it answers.
   if (released.found && released.state == SlotState::Generating) {
+    WorkManager::remove(id_, released.requestId);
+  } else if (released.found && released.state == SlotState::TierLookup) {
+    tierPlans_.erase(released.requestId);
     WorkManager::remove(id_, released.requestId);
   }
 }
@@ -96,9 +104,13 @@ void CacheManager::insert(const PrimaryKey& primaryKey, const SecondaryKey& seco
   PendingList collected;
   Pt::UniqueLock index(indexLock_);
   CacheSlot* slot = slots_.find(primaryKey);
+  bool generated = false;  // a generated object is offered to the shared tier
   if (slot != nullptr) {
-    const bool pending = slot->state == SlotState::Reading || slot->state == SlotState::Generating;
+    const bool pending = slot->state == SlotState::Reading ||
+                         slot->state == SlotState::Generating ||
+                         slot->state == SlotState::TierLookup;
     if (!pending || (requestId != 0 && requestId != slot->requestId())) return;
+    generated = requestId != 0 && slot->state == SlotState::Generating;
   } else {
     if (requestId != 0) return;  // the request ended meanwhile
     allocateSlot(primaryKey);
@@ -108,8 +120,10 @@ void CacheManager::insert(const PrimaryKey& primaryKey, const SecondaryKey& seco
   try {
     verified = cacheable->verify();
     if (verified) {
+      const SlotState was = slot->state;
       collected.swap(slot->waiting);
       slots_.store(*slot, cacheable);  // size() may throw; the slot then stays as it was
+      if (was == SlotState::TierLookup) tierPlans_.erase(slot->requestId());
     }
   } catch (...) {
     failInsert(primaryKey, collected, index, *CaughtAsPtException());
@@ -125,18 +139,27 @@ void CacheManager::insert(const PrimaryKey& primaryKey, const SecondaryKey& seco
   Pt::UniqueLock file(fileLock_);
   const bool stored = fileManager_->contains(primaryKey);
   index.unlock();
-  if (!stored) storeInFile(primaryKey, secondaryKey, cacheable, collected, file);
+  Pt::SmartPointer<Buffer> encoded;
+  if (!stored) encoded = storeInFile(primaryKey, secondaryKey, cacheable, collected, file);
   file.unlock();
   DeliverFound(collected, cacheable);
+  // The bytes written to the file go to the tier as they are, after the
+  // receivers have their object.
+  if (generated && encoded && tier_) {
+    tier_->publish(cacheable->getType(), primaryKey, secondaryKey, encoded->bytes(),
+                   static_cast<uint32_t>(encoded->length()));
+  }
 }
 
-// With the file lock held (it stays held). Writes the object's bytes; when
-// encode() fails, the object leaves memory and `collected` hear failed()
-// instead (and are emptied). A write the file store refuses is reported to
-// `collected` instead of found(); the object stays in memory.
-void CacheManager::storeInFile(const PrimaryKey& key, const SecondaryKey& secondaryKey,
-                               const Pt::SmartPointer<Cacheable>& cacheable, PendingList& collected,
-                               Pt::UniqueLock& file) {
+// With the file lock held (it stays held). Writes the object's bytes and
+// returns them (null when none were written); when encode() fails, the
+// object leaves memory and `collected` hear failed() instead (and are
+// emptied). A write the file store refuses is reported to `collected`
+// instead of found(); the object stays in memory.
+Pt::SmartPointer<Buffer> CacheManager::storeInFile(const PrimaryKey& key,
+                                                   const SecondaryKey& secondaryKey,
+                                                   const Pt::SmartPointer<Cacheable>& cacheable,
+                                                   PendingList& collected, Pt::UniqueLock& file) {
   Pt::SmartPointer<Buffer> data;
   try {
     data = cacheable->encode(false);
@@ -145,8 +168,8 @@ void CacheManager::storeInFile(const PrimaryKey& key, const SecondaryKey& second
     throw;
   }
   if (!data) {
-    return abandonObject(key, cacheable, collected, file,
-                         ExCachableNotVerified(kInsertNotVerified.where));
+    abandonObject(key, cacheable, collected, file, ExCachableNotVerified(kInsertNotVerified.where));
+    return data;
   }
   try {
     fileManager_->write(key, secondaryKey, cacheable->getType(), data->length(), data->bytes());
@@ -158,7 +181,9 @@ void CacheManager::storeInFile(const PrimaryKey& key, const SecondaryKey& second
     DeliverFailed(told, *error);
     file.lock();
     if (dynamic_cast<const Pt::ExSystem*>(error.get()) == nullptr) throw;
+    return Pt::SmartPointer<Buffer>();
   }
+  return data;
 }
 
 // An object that cannot be stored leaves memory again; whoever waited for
@@ -279,7 +304,10 @@ void CacheManager::failPending(const PrimaryKey& primaryKey, int32_t requestId,
     Pt::MutexLock index(indexLock_);
     const CacheSlot* slot = slots_.find(primaryKey);
     if (slot == nullptr || slot->requestId() != requestId) return;
-    if (slot->state != SlotState::Reading && slot->state != SlotState::Generating) return;
+    if (slot->state != SlotState::Reading && slot->state != SlotState::Generating &&
+        slot->state != SlotState::TierLookup) {
+      return;
+    }
     releaseSlot(primaryKey, collected);
   }
   DeliverFailed(collected, error);
@@ -323,9 +351,24 @@ Statistics& CacheManager::statistics(Statistics& statistics) {
   return statistics;
 }
 
+TierStatistics CacheManager::tierStatistics() const {
+  return tier_ ? tier_->statistics() : TierStatistics();
+}
+
 std::string CacheManager::checkInvariants() {
   Pt::MutexLock index(indexLock_);
-  return slots_.checkInvariants();
+  std::string broken = slots_.checkInvariants();
+  if (!broken.empty()) return broken;
+  std::vector<int32_t> lookups;
+  slots_.forEachIndexed([&](const CacheSlot& slot) {
+    if (slot.state == SlotState::TierLookup) lookups.push_back(slot.requestId());
+  });
+  bool planless = false;
+  for (const int32_t requestId : lookups) planless = planless || tierPlans_.count(requestId) == 0;
+  if (planless || lookups.size() != tierPlans_.size()) {
+    return "the tier lookups in progress and their plans do not match";
+  }
+  return {};
 }
 
 }  // namespace Tarn

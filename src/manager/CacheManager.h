@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "core/FactoryManager.h"
@@ -33,6 +34,8 @@
 #include "store/FileManager.h"
 #include "tarn/Config.h"
 #include "tarn/Statistics.h"
+#include "tarn/TierConfig.h"
+#include "tier/TierClient.h"
 
 namespace Tarn {
 
@@ -40,8 +43,10 @@ class CacheManager final : private EntryReadSink {
  public:
   // Opens the cache file; on a throw nothing of the manager remains and the
   // process is as before (work manager and platform registrations undone).
+  // A `tierConfig` with a tier adds the shared tier to the lookups.
   CacheManager(const wchar_t* path, const Config& config,
-               const Pt::SmartPointer<FactoryManager>& factories);
+               const Pt::SmartPointer<FactoryManager>& factories,
+               const TierConfig& tierConfig = TierConfig());
   ~CacheManager();
   CacheManager(const CacheManager&) = delete;
   CacheManager& operator=(const CacheManager&) = delete;
@@ -72,10 +77,18 @@ class CacheManager final : private EntryReadSink {
   void failPending(const PrimaryKey& primaryKey, int32_t requestId, const Pt::Exception& error);
   bool isCached(const PrimaryKey& primaryKey);
   Statistics& statistics(Statistics& statistics);
+  TierStatistics tierStatistics() const;
+  // How a shared tier lookup of `primaryKey` for `requestId` under `type`
+  // ended; `value` holds the bytes of a Hit. Runs on a worker thread (or
+  // on the thread that asked, when the tier could not be asked): a valid
+  // value is decoded and inserted, anything else goes on as a miss.
+  void tierAnswered(const PrimaryKey& primaryKey, int32_t requestId, const std::string& type,
+                    TierLookupStatus status, const std::string& value);
 
   FileManager& fileManager() { return *fileManager_; }
   int32_t id() const { return id_; }
-  // The index's invariants: empty when they hold, else what is broken.
+  // The index's invariants and the tier plans': empty when they hold, else
+  // what is broken.
   // Works in every build.
   std::string checkInvariants();
 
@@ -94,7 +107,13 @@ class CacheManager final : private EntryReadSink {
   // The steps below receive the caller's guards and release them on the way
   // (a hand-over the compile-time lock analysis cannot follow through a
   // reference, hence PT_NO_THREAD_SAFETY_ANALYSIS on them).
+  // `create` is set for a findCreate: the type to generate and its key.
+  struct CreateWish {
+    const std::string& type;
+    const SecondaryKey& secondaryKey;
+  };
   int32_t findInMemory(const PrimaryKey& key, const Pt::SmartPointer<CacheableReceiver>& receiver,
+                       const CreateWish* create,
                        Pt::UniqueLock& index) PT_NO_THREAD_SAFETY_ANALYSIS;
   int32_t findInFile(const PrimaryKey& key, const Pt::SmartPointer<CacheableReceiver>& receiver,
                      Pt::UniqueLock& index, Pt::UniqueLock& file) PT_NO_THREAD_SAFETY_ANALYSIS;
@@ -103,12 +122,33 @@ class CacheManager final : private EntryReadSink {
                           const Pt::SmartPointer<CacheableReceiver>& receiver)
       PT_REQUIRES(indexLock_);
   int32_t allocateSlot(const PrimaryKey& key) PT_REQUIRES(indexLock_);
+
+  // The shared tier's part of the lookups (CacheManagerTier.cpp). A slot in
+  // state TierLookup has a plan saying what a miss leads to: a generation
+  // (findCreate wished one) or the next type to ask (find asks under every
+  // type in the factories' order), else cancelled.
+  struct TierPlan {
+    SecondaryKey secondaryKey{};
+    Pt::SmartPointer<CacheableFactory> factory;  // set: a miss generates
+    size_t typeIndex = 0;                        // find: the type being asked
+  };
+  int32_t startTierLookup(const PrimaryKey& key, const SecondaryKey& secondaryKey,
+                          const Pt::SmartPointer<CacheableFactory>& factory,
+                          const Pt::SmartPointer<CacheableReceiver>& receiver,
+                          Pt::UniqueLock& index, Pt::UniqueLock& file) PT_NO_THREAD_SAFETY_ANALYSIS;
+  void joinTierLookup(CacheSlot& slot, const CreateWish& create) PT_REQUIRES(indexLock_);
+  void askTier(const PrimaryKey& key, int32_t requestId, const std::string& type);
+  bool takeTierValue(const PrimaryKey& key, int32_t requestId, const std::string& type,
+                     const std::string& value);
+  void tierMissed(const PrimaryKey& key, int32_t requestId);
+  void queueGeneration(const PrimaryKey& key, int32_t requestId) PT_REQUIRES(indexLock_);
   void releaseSlot(const PrimaryKey& key, PendingList& out) PT_REQUIRES(indexLock_);
   void failInsert(const PrimaryKey& key, PendingList& collected, Pt::UniqueLock& index,
                   const Pt::Exception& error) PT_NO_THREAD_SAFETY_ANALYSIS;
-  void storeInFile(const PrimaryKey& key, const SecondaryKey& secondaryKey,
-                   const Pt::SmartPointer<Cacheable>& cacheable, PendingList& collected,
-                   Pt::UniqueLock& file) PT_NO_THREAD_SAFETY_ANALYSIS;
+  Pt::SmartPointer<Buffer> storeInFile(const PrimaryKey& key, const SecondaryKey& secondaryKey,
+                                       const Pt::SmartPointer<Cacheable>& cacheable,
+                                       PendingList& collected,
+                                       Pt::UniqueLock& file) PT_NO_THREAD_SAFETY_ANALYSIS;
   void abandonObject(const PrimaryKey& key, const Pt::SmartPointer<Cacheable>& cacheable,
                      PendingList& collected, Pt::UniqueLock& file,
                      const Pt::Exception& error) PT_NO_THREAD_SAFETY_ANALYSIS;
@@ -127,7 +167,12 @@ class CacheManager final : private EntryReadSink {
   Pt::Mutex indexLock_;
   Pt::Mutex fileLock_;
   SlotTable slots_ PT_GUARDED_BY(indexLock_);  // the slot table and its LRU list
+  // Invariant (checkInvariants): exactly one plan per slot in state
+  // TierLookup, under its current request id.
+  std::unordered_map<int32_t, TierPlan> tierPlans_ PT_GUARDED_BY(indexLock_);
   std::unique_ptr<FileManager> fileManager_;
+  // Null for a cache without a shared tier: then no tier code runs at all.
+  std::unique_ptr<TierClient> tier_;
 
   // Counters of the statistics; atomic so that a count made after a lock
   // was released is never lost.

@@ -1,6 +1,7 @@
-// Lookups: from memory, by joining a request in progress, from the file, or
-// by generation. Requests for one key merge: while a read or a generation is
-// in progress, every further lookup waits on the same slot and shares its id.
+// Lookups: from memory, by joining a request in progress, from the file, from
+// the shared tier when there is one, or by generation. Requests for one key
+// merge: while a read, a tier lookup or a generation is in progress, every
+// further lookup waits on the same slot and shares its id.
 #include "core/ClientException.h"
 #include "manager/CacheManager.h"
 #include "manager/WorkRequestGenerate.h"
@@ -11,29 +12,40 @@ namespace Tarn {
 int32_t CacheManager::find(const PrimaryKey& primaryKey,
                            const Pt::SmartPointer<CacheableReceiver>& receiver) {
   Pt::UniqueLock index(indexLock_);
-  if (const int32_t requestId = findInMemory(primaryKey, receiver, index)) return requestId;
+  if (const int32_t requestId = findInMemory(primaryKey, receiver, nullptr, index)) {
+    return requestId;
+  }
   Pt::UniqueLock file(fileLock_);
-  return findInFile(primaryKey, receiver, index, file);
+  if (const int32_t requestId = findInFile(primaryKey, receiver, index, file)) return requestId;
+  if (!tier_) return 0;
+  return startTierLookup(primaryKey, SecondaryKey{}, Pt::SmartPointer<CacheableFactory>(), receiver,
+                         index, file);
 }
 
 int32_t CacheManager::findCreate(const PrimaryKey& primaryKey, const SecondaryKey& secondaryKey,
                                  const std::string& type,
                                  const Pt::SmartPointer<CacheableReceiver>& receiver) {
+  const CreateWish create{type, secondaryKey};
   Pt::UniqueLock index(indexLock_);
-  if (const int32_t requestId = findInMemory(primaryKey, receiver, index)) return requestId;
+  if (const int32_t requestId = findInMemory(primaryKey, receiver, &create, index)) {
+    return requestId;
+  }
   Pt::UniqueLock file(fileLock_);
   if (const int32_t requestId = findInFile(primaryKey, receiver, index, file)) return requestId;
   // The factory is found before any slot is taken: an unknown type reaches
   // the caller as an exception and leaves nothing behind to wait on.
   const Pt::SmartPointer<CacheableFactory>& factory = factories_->lookup(type);
+  if (tier_) return startTierLookup(primaryKey, secondaryKey, factory, receiver, index, file);
   return startGeneration(primaryKey, secondaryKey, factory, receiver);
 }
 
 // With the index lock held. Returns 0 (lock still held) when the key has no
-// slot; otherwise serves or joins it and releases the lock.
+// slot; otherwise serves or joins it and releases the lock. A findCreate
+// joining a tier lookup makes sure a miss generates (which may throw
+// ExFactoryClassNotFound, changing nothing).
 int32_t CacheManager::findInMemory(const PrimaryKey& key,
                                    const Pt::SmartPointer<CacheableReceiver>& receiver,
-                                   Pt::UniqueLock& index) {
+                                   const CreateWish* create, Pt::UniqueLock& index) {
   CacheSlot* slot = slots_.find(key);
   if (slot == nullptr) return 0;
   ++memoryHits_;
@@ -45,6 +57,7 @@ int32_t CacheManager::findInMemory(const PrimaryKey& key,
     DeliverFoundTo(requestId, key, *receiver, cacheable);  // no list: a hit allocates nothing
     return requestId;
   }
+  if (create != nullptr && slot->state == SlotState::TierLookup) joinTierLookup(*slot, *create);
   slot->waiting.push_back({requestId, key, receiver});
   // Somebody waits now: the generation goes before ordinary work.
   if (slot->state == SlotState::Generating) {

@@ -60,7 +60,7 @@ std::string CheckFreeSlot(const CacheSlot& slot, uint32_t position, const Index&
 
 std::string CheckIndexedSlot(const CacheSlot& slot, uint32_t position, const Index& index) {
   if (slot.state != SlotState::InMemory && slot.state != SlotState::Reading &&
-      slot.state != SlotState::Generating) {
+      slot.state != SlotState::Generating && slot.state != SlotState::TierLookup) {
     return Broken("an indexed slot is neither in memory nor pending", position);
   }
   if (slot.index != position || !UsedGeneration(slot.generation)) {

@@ -1,7 +1,7 @@
 // SlotTable: the cache manager's in-memory index.
 //
 // One slot per primary key that is held in memory or has a request in
-// progress (a file read or a generation). A slot is found by key through
+// progress (a file read, a shared tier lookup or a generation). A slot is found by key through
 // `index_`, or directly by request id: an id is the slot's generation (1 to
 // 65535) times 65536 plus its position, so it names one use of one slot and
 // is never 0. All receivers waiting on one slot share its request id.
@@ -19,7 +19,8 @@
 // Invariants (checkInvariants() walks the whole table, O(n); release() and
 // store() call it in debug builds once per as many changes as there are slots):
 // - a key is in `index_` exactly when its slot is not Free, and an indexed
-//   slot is InMemory, Reading or Generating outside allocate's caller;
+//   slot is InMemory, Reading, Generating or TierLookup outside allocate's
+//   caller;
 // - a slot's cacheable is set exactly when its key is in `lru_`, and
 //   memoryInUse is the sum of their recorded sizes;
 // - every waiting receiver carries its slot's current request id; an
@@ -51,7 +52,8 @@ enum class SlotState : int32_t {
   Allocated = 1,
   InMemory = 2,
   Reading = 3,
-  Generating = 4
+  Generating = 4,
+  TierLookup = 5  // the shared tier is being asked; a miss reads nothing more
 };
 
 struct PendingReceiver {

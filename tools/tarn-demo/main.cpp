@@ -10,10 +10,12 @@
 //   hot   the same Cache again: every tile comes from memory.
 // Every figure printed is measured in this run.
 //
-// Usage: tarn-demo [cache-file]
-// Without an argument the cache file lives in a new folder under the temporary
+// Usage: tarn-demo [--memcached HOST:PORT[,...]] [--cache FILE | FILE]
+// Without a file the cache file lives in a new folder under the temporary
 // directory and is removed at the end; a given file is replaced at the start
 // and kept. The picture is written as mandelbrot.png in the current folder.
+// --memcached gives the cache a shared tier on those servers: a second run
+// with another cache file then takes its cold phase's tiles from the tier.
 #include <stdlib.h>
 #include <time.h>
 
@@ -36,6 +38,9 @@
 
 #include "Png.h"
 #include "tarn/tarn.h"
+#ifdef TARN_DEMO_MEMCACHED
+#include "tarn/MemcachedTier.h"
+#endif
 
 namespace {
 
@@ -269,7 +274,8 @@ struct Phase {
   double commitMs = 0;
   double computeMs = 0;     // CPU time the factory spent computing tiles
   int created = 0;          // tiles the factory computed
-  int decoded = 0;          // tiles the factory rebuilt from the file's bytes
+  int decoded = 0;          // tiles the factory rebuilt from the file's or tier's bytes
+  int fromTier = 0;         // tiles the shared tier (--memcached) held
   int stored = 0;           // entries the phase added to the cache file
   Tarn::Statistics counts;  // counters of this phase; file figures at its end
   std::vector<uint8_t> picture;
@@ -279,13 +285,16 @@ double Milliseconds(Clock::time_point from, Clock::time_point to) {
   return std::chrono::duration<double, std::milli>(to - from).count();
 }
 
-std::unique_ptr<Tarn::Cache> OpenCache(const fs::path& file, TileFactory* factory, Phase& phase) {
+std::unique_ptr<Tarn::Cache> OpenCache(const fs::path& file,
+                                       const Pt::SmartPointer<TileFactory>& factory,
+                                       const Tarn::TierConfig& tier, Phase& phase) {
   Tarn::Config config{};
   config.memoryTarget = 32 << 20;  // room for every tile (2.3 MiB)
   config.memorySlack = 8 << 20;
   config.createIfMissing = true;
   const Clock::time_point start = Clock::now();
-  auto cache = std::make_unique<Tarn::Cache>(file.wstring().c_str(), config, factory);
+  const std::vector<Pt::SmartPointer<Tarn::CacheableFactory>> factories{factory};
+  auto cache = std::make_unique<Tarn::Cache>(file, config, factories, tier);
   phase.openMs = Milliseconds(start, Clock::now());
   return cache;
 }
@@ -307,6 +316,7 @@ void RunPhase(Tarn::Cache& cache, const TileFactory& factory, Phase& phase) {
   cache.statistics(before);
   const int created = factory.created(), decoded = factory.decoded();
   const int64_t computed = factory.computeNanoseconds();
+  const uint64_t tierHits = cache.tierStatistics().hits;
   const Clock::time_point start = Clock::now();
   phase.picture = RequestAllTiles(cache);
   const Clock::time_point arrived = Clock::now();
@@ -321,17 +331,18 @@ void RunPhase(Tarn::Cache& cache, const TileFactory& factory, Phase& phase) {
   phase.stored = after.fileEntries - before.fileEntries;
   phase.created = factory.created() - created;
   phase.decoded = factory.decoded() - decoded;
+  phase.fromTier = static_cast<int>(cache.tierStatistics().hits - tierHits);
   phase.computeMs = static_cast<double>(factory.computeNanoseconds() - computed) / 1e6;
 }
 
-std::vector<Phase> RunPhases(const fs::path& file) {
+std::vector<Phase> RunPhases(const fs::path& file, const Tarn::TierConfig& tier) {
   const Pt::SmartPointer<TileFactory> factory(new TileFactory);
   std::vector<Phase> phases{Phase("cold"), Phase("warm"), Phase("hot")};
   {
-    const std::unique_ptr<Tarn::Cache> cache = OpenCache(file, factory.get(), phases[0]);
+    const std::unique_ptr<Tarn::Cache> cache = OpenCache(file, factory, tier, phases[0]);
     RunPhase(*cache, *factory, phases[0]);
   }  // closes the file
-  const std::unique_ptr<Tarn::Cache> cache = OpenCache(file, factory.get(), phases[1]);
+  const std::unique_ptr<Tarn::Cache> cache = OpenCache(file, factory, tier, phases[1]);
   RunPhase(*cache, *factory, phases[1]);
   RunPhase(*cache, *factory, phases[2]);
   return phases;
@@ -393,7 +404,9 @@ void PrintPhases(const std::vector<Phase>& phases) {
       MakeRow("commit", phases, [](const Phase& p) { return Ms(p.commitMs); }),
       MakeRow("tiles computed by the factory", phases, count([](auto& p) { return p.created; })),
       MakeRow("CPU time computing them", phases, [](const Phase& p) { return Ms(p.computeMs); }),
-      MakeRow("tiles read from the file", phases, count([](auto& p) { return p.decoded; })),
+      MakeRow("tiles read from the file", phases,
+              count([](auto& p) { return p.decoded - p.fromTier; })),
+      MakeRow("tiles from the shared tier", phases, count([](auto& p) { return p.fromTier; })),
       MakeRow("tiles found in memory", phases, count([](auto& p) { return p.counts.memoryHits; })),
       MakeRow("new entries stored", phases, count([](auto& p) { return p.stored; })),
       MakeRow("entries in file", phases, count([](auto& p) { return p.counts.fileEntries; })),
@@ -405,13 +418,13 @@ void PrintPhases(const std::vector<Phase>& phases) {
 // Whether the cache's counters agree with what the factory saw: a generate
 // request for every tile computed, a file read for every tile decoded.
 bool CountersAgree(const Phase& phase) {
-  const bool agree =
-      phase.counts.generated == phase.created && phase.counts.fileReads == phase.decoded;
+  const bool agree = phase.counts.generated == phase.created &&
+                     phase.counts.fileReads + phase.fromTier == phase.decoded;
   if (!agree) {
     std::printf(
         "%s phase: the cache counted %d generated and %d file reads, the factory %d and %d\n",
         phase.name.c_str(), phase.counts.generated, phase.counts.fileReads, phase.created,
-        phase.decoded);
+        phase.decoded - phase.fromTier);
   }
   return agree;
 }
@@ -438,16 +451,35 @@ bool Verify(const std::vector<Phase>& phases) {
 
 struct Workspace {
   fs::path cacheFile;
+  std::string memcached;  // --memcached: "host:port,host:port"; empty for none
   fs::path picture = fs::absolute("mandelbrot.png");
   bool scratch = false;
 };
 
+// tarn-demo [--memcached HOST:PORT[,...]] [--cache FILE | FILE]
+bool ParseOptions(int argc, char** argv, Workspace& space) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--memcached" && i + 1 < argc) {
+      space.memcached = argv[++i];
+    } else if (arg == "--cache" && i + 1 < argc) {
+      space.cacheFile = argv[++i];
+    } else if (arg.rfind("--", 0) != 0 && space.cacheFile.empty()) {
+      space.cacheFile = arg;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
 std::optional<Workspace> MakeWorkspace(int argc, char** argv) {
   Workspace space;
-  if (argc == 2) {
-    space.cacheFile = argv[1];
-    return space;
+  if (!ParseOptions(argc, argv, space)) {
+    std::fprintf(stderr, "usage: tarn-demo [--memcached HOST:PORT[,...]] [--cache FILE | FILE]\n");
+    return {};
   }
+  if (!space.cacheFile.empty()) return space;
   std::string folder = (fs::temp_directory_path() / "tarn-demo-XXXXXX").string();
   if (mkdtemp(folder.data()) == nullptr) {
     std::perror("tarn-demo: mkdtemp");
@@ -456,6 +488,40 @@ std::optional<Workspace> MakeWorkspace(int argc, char** argv) {
   space.cacheFile = fs::path(folder) / "tiles.tarn";
   space.scratch = true;
   return space;
+}
+
+// The shared tier that --memcached names (none without it), with the demo's
+// own namespace; a generous deadline, as a demo's servers may be far away.
+Tarn::TierConfig MakeTier(const Workspace& space) {
+  Tarn::TierConfig tier;
+  if (space.memcached.empty()) return tier;
+#ifdef TARN_DEMO_MEMCACHED
+  Tarn::MemcachedTierConfig servers;
+  std::string list = space.memcached;
+  for (std::size_t comma; (comma = list.find(',')) != std::string::npos; list.erase(0, comma + 1)) {
+    servers.servers.push_back(list.substr(0, comma));
+  }
+  servers.servers.push_back(list);
+  tier.tier = Tarn::MakeMemcachedTier(servers);
+  tier.keyNamespace = "tarn-demo";
+  tier.deadline = std::chrono::milliseconds(100);
+  std::printf("shared tier: memcached on %s\n\n", space.memcached.c_str());
+#else
+  throw std::runtime_error("--memcached: this build has no libtarn-memcached");
+#endif
+  return tier;
+}
+
+// Waits until what the phases published has reached the servers, so that
+// the next run finds it.
+void FinishTier(const Tarn::TierConfig& tier) {
+#ifdef TARN_DEMO_MEMCACHED
+  if (auto* memcached = dynamic_cast<Tarn::MemcachedTier*>(tier.tier.get())) {
+    memcached->drainPublishes(std::chrono::seconds(30));
+  }
+#else
+  (void)tier;
+#endif
 }
 
 // Sets `pictureWritten` once the picture is in its file.
@@ -468,7 +534,9 @@ int RunDemo(const Workspace& space, bool& pictureWritten) {
     std::printf("replacing the existing cache file so that the cold phase starts empty\n");
     Tarn::DestroyCacheFile(space.cacheFile.wstring().c_str());
   }
-  const std::vector<Phase> phases = RunPhases(space.cacheFile);
+  const Tarn::TierConfig tier = MakeTier(space);
+  const std::vector<Phase> phases = RunPhases(space.cacheFile, tier);
+  FinishTier(tier);
   PrintPhases(phases);
   std::printf("\n");
   const bool good = Verify(phases);
@@ -480,12 +548,8 @@ int RunDemo(const Workspace& space, bool& pictureWritten) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc > 2) {
-    std::fprintf(stderr, "usage: tarn-demo [cache-file]\n");
-    return 2;
-  }
   const std::optional<Workspace> space = MakeWorkspace(argc, argv);
-  if (!space) return 1;
+  if (!space) return 2;
   int status = 1;
   bool pictureWritten = false;
   try {
