@@ -16,7 +16,8 @@ namespace Tarn {
 
 // Which engine runs the file requests of every cache in the process.
 enum class IoEngine : int32_t {
-  Automatic = 0,   // io_uring when the kernel allows it, else ThreadPool
+  Automatic = 0,   // reads on io_uring and writes on the thread pool, each the faster
+                   // on this kind of kernel; the pool alone when io_uring cannot start
   IoUring = 1,     // io_uring only; the Cache constructor throws when it cannot start
   ThreadPool = 2,  // threads doing pread/pwrite; use it under valgrind
 };
