@@ -92,12 +92,18 @@ const FileEntryInfo& EntryTable::at(const PrimaryKey& key) const {
   return *info;
 }
 
+// One probe both looks for the key and finds the empty slot it takes.
 uint32_t EntryTable::insert(const PrimaryKey& key, const FileEntryInfo& info) {
-  if (contains(key)) return kNone;
   if (index_.size() < 2 * (entries_.size() + 1)) rebuildIndex(CapacityFor(entries_.size() + 1));
+  const uint64_t hash = hashOf(key);
+  const auto tag = static_cast<uint32_t>(hash);
+  size_t slot = hash & mask_;
+  for (; index_[slot].position != kNone; slot = (slot + 1) & mask_) {
+    if (index_[slot].tag == tag && entries_[index_[slot].position].key == key) return kNone;
+  }
   const auto at = static_cast<uint32_t>(entries_.size());
   entries_.push_back(Entry{key, info, kNone, kNone});
-  placeInIndex(at, hashOf(key));
+  index_[slot] = {at, tag};
   linkAsMostRecent(at);
   debugCheck();
   return at;

@@ -31,6 +31,8 @@
 #include <atomic>
 #include <cassert>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "core/RaiseSites.h"
 #include "platform/InvariantCheck.h"
@@ -131,20 +133,22 @@ bool FileManager::relocateRound(RelocationFigures& figures) {
   // Positions in entries_, which hold still: nothing enters or leaves the
   // table while the store closes. In data order, so that the plan does not
   // depend on the table's order.
-  std::vector<uint32_t> owners;
+  std::vector<std::pair<uint32_t, uint32_t>> byOffset;  // data offset, position
   for (uint32_t entry = 0; entry < entries_.size(); ++entry) {
-    if (entries_[entry].info.headerOffset % kAllocationAlignment != 0) continue;  // see step 2
-    owners.push_back(entry);
+    const EntryInfo& info = entries_[entry].info;
+    if (info.headerOffset % kAllocationAlignment != 0) continue;  // see step 2
+    byOffset.emplace_back(info.header.dataOffset, entry);
   }
-  std::sort(owners.begin(), owners.end(), [this](uint32_t a, uint32_t b) {
-    return entries_[a].info.header.dataOffset < entries_[b].info.header.dataOffset;
-  });
+  std::sort(byOffset.begin(), byOffset.end());
+  std::vector<uint32_t> owners;
   std::vector<RelocationPlan::Item> items;
-  items.reserve(owners.size());
-  for (const uint32_t entry : owners) {
+  owners.reserve(byOffset.size());
+  items.reserve(byOffset.size());
+  for (const auto& [offset, entry] : byOffset) {
     const EntryHeader& header = entries_[entry].info.header;
     items.push_back(
-        {static_cast<uint32_t>(items.size()), {header.dataOffset, header.allocatedLength}});
+        {static_cast<uint32_t>(owners.size()), {header.dataOffset, header.allocatedLength}});
+    owners.push_back(entry);
   }
 #ifndef NDEBUG
   const FreeSpace freeBefore = freeSpace_;
