@@ -132,6 +132,7 @@ void EntryTable::touch(uint32_t at) {
   if (at == tail_) return;
   unlink(at);
   linkAsMostRecent(at);
+  debugCheck();
 }
 
 size_t EntryTable::slotOf(uint32_t at, uint64_t hash) const {
