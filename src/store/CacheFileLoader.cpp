@@ -194,6 +194,9 @@ void LoadRun::collectSlots(const ExtentHeader& extent) {
 // slot's fate is known, and counts what the summary reports.
 void LoadRun::visitExtents() {
   summary_.extentCount = static_cast<uint32_t>(extents_.size());
+  const std::vector<EntrySalvage::Slot>& live = salvage_->slots();
+  visitor_.onEntryCount(static_cast<uint32_t>(std::count_if(
+      live.begin(), live.end(), [](const EntrySalvage::Slot& slot) { return !slot.dropped; })));
   size_t next = 0;  // the next live-looking slot, in chain and slot order
   for (const auto& [location, extent] : extents_) {
     visitor_.onExtent(extent, location);

@@ -52,6 +52,9 @@ class CacheFileLoader {
    public:
     virtual ~Visitor() = default;
     virtual void onType(const TypeRecord& /*record*/) {}
+    // How many live entries onEntry will receive; called once, after the
+    // checks and before the first extent is visited.
+    virtual void onEntryCount(uint32_t /*liveEntries*/) {}
     virtual void onExtent(const ExtentHeader& /*header*/, uint32_t /*location*/) {}
     virtual void onFreeSlot(uint32_t /*slotOffset*/) {}
     virtual void onEntry(uint32_t /*slotOffset*/, const EntryHeader& /*header*/) {}

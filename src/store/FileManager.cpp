@@ -30,6 +30,10 @@ class FileManager::Loader : public CacheFileLoader::Visitor {
   void onType(const TypeRecord& record) override PT_NO_THREAD_SAFETY_ANALYSIS {
     store_.types_.push_back({record.id, record.typeName()});
   }
+  // So that the entries enter the table without a single allocation.
+  void onEntryCount(uint32_t liveEntries) override PT_NO_THREAD_SAFETY_ANALYSIS {
+    store_.entries_.reserve(liveEntries);
+  }
   void onExtent(const ExtentHeader& header,
                 uint32_t location) override PT_NO_THREAD_SAFETY_ANALYSIS {
     store_.extents_.push_back({header, location});
@@ -41,7 +45,7 @@ class FileManager::Loader : public CacheFileLoader::Visitor {
   void onEntry(uint32_t slotOffset,
                const EntryHeader& header) override PT_NO_THREAD_SAFETY_ANALYSIS {
     store_.enterEntry(header.primaryKeyValue(),
-                      EntryInfo{header, slotOffset, NextSerial(), Stage::Settled, {}, {}, {}});
+                      EntryInfo{header, slotOffset, NextSerial(), Stage::Settled, {}, {}});
   }
   // A dropped entry's slot is free; the open clears it on disk before it
   // can be handed out, so that the entry cannot come back.
@@ -205,7 +209,7 @@ void FileManager::commit() {
 
 bool FileManager::contains(const PrimaryKey& key) {
   Pt::MutexLock guard(lock_);
-  return entries_.count(key) != 0;
+  return entries_.contains(key);
 }
 
 int32_t FileManager::entryCount() {
@@ -243,7 +247,7 @@ void FileManager::findPrimaryKeys(const SecondaryKey& secondaryKey,
   Pt::MutexLock guard(lock_);
   if (secondaryIndex_.deferred()) {
     secondaryIndex_.build(entries_, [](const auto& entry) {
-      return std::make_pair(entry.second.header.secondaryKeyValue(), entry.first);
+      return std::make_pair(entry.info.header.secondaryKeyValue(), entry.key);
     });
   }
   secondaryIndex_.find(secondaryKey, primaryKeys);

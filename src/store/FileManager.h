@@ -22,15 +22,13 @@
 //
 // Budget: with Config::fileBudget (or near the format's 2 GiB limit), a write
 // that finds no free range for its data and would grow the file past the
-// budget first erases the least recently used entries (`recency_`; an
-// insert or a read from the file makes an entry the most recent), then waits
+// budget first erases the least recently used entries (the recency of
+// `entries_`; an insert or a read from the file makes an entry the most recent), then waits
 // until their delete headers are durable and their ranges free, and tries
 // again (awaitRoom, before the caller takes any lock of the cache manager).
 // Nothing left to evict: the file grows past the budget.
 //
-// An entry goes through stages: Data (its data write is in flight or waits
-// for a sync), Parked (data durable, header waiting for an earlier header of
-// the key to be durably deleted), Header (header write in flight), Settled.
+// An entry goes through the stages FileEntryInfo.h describes.
 // A write that fails takes its entry out of the tables, so the store never
 // reads back a range that was not written and never keeps a header it could
 // not write; the failure is counted (writeFailures()).
@@ -44,7 +42,7 @@
 // every build; debug builds check them after each write and erase while the
 // store holds few entries):
 // - every key of `entries_` equals the primary key of its EntryInfo's header,
-//   and `recency_` holds exactly the keys of `entries_`;
+//   and `entries_` keeps its own invariants (EntryTable.h);
 // - an EntryHeader slot is queued in `freeEntryHeaders_`, or owned by an
 //   EntryInfo of `entries_` or `pendingErasures_`, or covered by a delete
 //   header write in flight, or lies in a given-up extent; never two of these;
@@ -66,7 +64,6 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
-#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -78,6 +75,7 @@
 #include "pt/Mutex.h"
 #include "pt/PtIoDeviceFile.h"
 #include "pt/ThreadAnnotations.h"
+#include "store/EntryTable.h"
 #include "store/FileDeleteEntryReceiver.h"
 #include "store/FileFormat.h"
 #include "store/FileLock.h"
@@ -102,17 +100,8 @@ class FileManager {
     ExtentHeader header;  // as read or written; nextExtent is not updated by a relink
     uint32_t location = 0;
   };
-  enum class Stage : uint8_t { Data, Parked, Header, Settled };
-  struct EntryInfo {
-    EntryHeader header;
-    uint32_t headerOffset = 0;
-    uint32_t serial = 0;
-    Stage stage = Stage::Settled;
-    FileOperationRef operation;               // the write's, until Settled
-    FileOperationRef eraseOperation;          // in pendingErasures_: the erase's
-    std::list<PrimaryKey>::iterator recency;  // its place in recency_ (entries_ only)
-    bool writePending() const { return stage != Stage::Settled; }
-  };
+  using Stage = FileEntryStage;
+  using EntryInfo = FileEntryInfo;
 
   // Opens the cache file at `path` (creating it first when it is missing and
   // `config.createIfMissing` is set), verifies and loads it, clears on disk
@@ -277,7 +266,7 @@ class FileManager {
   }
   const std::vector<ExtentInfo>& extents() const PT_REQUIRES(lock_) { return extents_; }
   const std::vector<TypeInfo>& types() const PT_REQUIRES(lock_) { return types_; }
-  const std::map<PrimaryKey, EntryInfo>& entries() const PT_REQUIRES(lock_) { return entries_; }
+  const EntryTable& entries() const PT_REQUIRES(lock_) { return entries_; }
   const std::multimap<PrimaryKey, EntryInfo>& pendingErasures() const PT_REQUIRES(lock_) {
     return pendingErasures_;
   }
@@ -287,7 +276,6 @@ class FileManager {
 
  private:
   class Loader;
-  using EntryIterator = std::map<PrimaryKey, EntryInfo>::iterator;
   struct RelocationFigures {
     uint32_t moved = 0;
     uint64_t bytes = 0;
@@ -302,8 +290,8 @@ class FileManager {
       PT_REQUIRES(lock_);
   void writeEntryHeader(EntryInfo& info) PT_REQUIRES(lock_);
   void issueHeaderOrPark(const PrimaryKey& primaryKey, uint32_t serial) PT_REQUIRES(lock_);
-  void dropEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) PT_REQUIRES(lock_);
-  void forgetEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) PT_REQUIRES(lock_);
+  void dropEntry(uint32_t position) PT_REQUIRES(lock_);
+  void forgetEntry(uint32_t position) PT_REQUIRES(lock_);
   void enterEntry(const PrimaryKey& primaryKey, const EntryInfo& info) PT_REQUIRES(lock_);
   void keepWithinBudget(uint64_t want, bool wait) PT_REQUIRES(lock_);
   bool fitsWithinBudget(uint64_t want) const PT_REQUIRES(lock_);
@@ -332,9 +320,8 @@ class FileManager {
   double amplificationLocked() const PT_REQUIRES(lock_);
   uint32_t fixedEnd() const PT_REQUIRES(lock_);
   bool relocateRound(RelocationFigures& figures) PT_REQUIRES(lock_);
-  bool copyData(const RelocationPlan& plan, const std::vector<EntryIterator>& owners)
-      PT_REQUIRES(lock_);
-  bool rewriteHeaders(const RelocationPlan& plan, const std::vector<EntryIterator>& owners)
+  bool copyData(const RelocationPlan& plan, const std::vector<uint32_t>& owners) PT_REQUIRES(lock_);
+  bool rewriteHeaders(const RelocationPlan& plan, const std::vector<uint32_t>& owners)
       PT_REQUIRES(lock_);
   bool awaitDurable(const std::atomic<int>& failures);
   void cutBehindLastRange() PT_REQUIRES(lock_);
@@ -360,7 +347,9 @@ class FileManager {
   std::deque<uint32_t> freeEntryHeaders_ PT_GUARDED_BY(lock_);
   std::vector<TypeInfo> types_ PT_GUARDED_BY(lock_);
   std::vector<ExtentInfo> extents_ PT_GUARDED_BY(lock_);
-  std::map<PrimaryKey, EntryInfo> entries_ PT_GUARDED_BY(lock_);
+  // The entries, with their recency for the budget (least recently used
+  // first).
+  EntryTable entries_ PT_GUARDED_BY(lock_);
   SecondaryIndex secondaryIndex_ PT_GUARDED_BY(lock_);
   std::multimap<PrimaryKey, EntryInfo> pendingErasures_ PT_GUARDED_BY(lock_);
   // Keys with an erased header that may still be on disk (a header write in
@@ -369,8 +358,6 @@ class FileManager {
   // Keys whose delete header failed: an old header may still be on disk, so
   // no new header of the key is written while the store is open.
   std::set<PrimaryKey> undeletable_ PT_GUARDED_BY(lock_);
-  // Keys of entries_, least recently used first.
-  std::list<PrimaryKey> recency_ PT_GUARDED_BY(lock_);
   // Data ranges of entries erased for the budget, not yet free again (by
   // offset), their total, and the signal that one came free.
   std::map<uint32_t, uint32_t> evicting_ PT_GUARDED_BY(lock_);

@@ -9,6 +9,7 @@
 //    the first extent, and the extents behind it are unreachable;
 // 3. truncate behind the first extent, then sync: the cut bytes hold
 //    nothing that any record reaches.
+#include <algorithm>
 #include <vector>
 
 #include "core/RaiseSites.h"
@@ -21,7 +22,10 @@ int32_t FileManager::eraseAll() {
   Pt::MutexLock guard(lock_);
   std::vector<PrimaryKey> keys;
   keys.reserve(entries_.size());
-  for (const auto& entry : entries_) keys.push_back(entry.first);
+  for (const auto& entry : entries_) keys.push_back(entry.key);
+  // In key order, so that the slots come free in the same order whatever
+  // the table's order.
+  std::sort(keys.begin(), keys.end());
   int32_t erased = 0;
   for (const PrimaryKey& key : keys) erased += erase(key) ? 1 : 0;
   return erased;

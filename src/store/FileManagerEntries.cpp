@@ -55,7 +55,7 @@ void FileManager::write(const PrimaryKey& primaryKey, const SecondaryKey& second
 FileManager::EntryInfo FileManager::reserveEntry(const PrimaryKey& primaryKey,
                                                  const SecondaryKey& secondaryKey,
                                                  const std::string& type, uint32_t length) {
-  if (entries_.count(primaryKey) != 0) {
+  if (entries_.contains(primaryKey)) {
     throw std::invalid_argument("FileManager::write: the key is already stored");
   }
   const uint32_t id = typeIdLocked(type);
@@ -75,7 +75,7 @@ FileManager::EntryInfo FileManager::reserveEntry(const PrimaryKey& primaryKey,
     freeEntryHeaders_.push_front(slot);  // the slot goes back where it came from
     throw;
   }
-  EntryInfo info{header, slot, NextSerial(), Stage::Data, std::move(operation), {}, {}};
+  EntryInfo info{header, slot, NextSerial(), Stage::Data, std::move(operation), {}};
   enterEntry(primaryKey, info);
   secondaryIndex_.add(secondaryKey, primaryKey);
   return info;
@@ -107,8 +107,8 @@ void FileManager::entryDataWritten(const PrimaryKey& primaryKey, uint32_t serial
 // range, which are free at once) or an earlier header of the key may still
 // be on disk (then the header waits until that one is durably deleted).
 void FileManager::issueHeaderOrPark(const PrimaryKey& primaryKey, uint32_t serial) {
-  const auto entry = entries_.find(primaryKey);
-  if (entry == entries_.end() || entry->second.serial != serial) {
+  const uint32_t entry = entries_.position(primaryKey);
+  if (entry == EntryTable::kNone || entries_[entry].info.serial != serial) {
     auto [it, end] = pendingErasures_.equal_range(primaryKey);
     for (; it != end; ++it) {
       if (it->second.serial != serial) continue;
@@ -119,7 +119,7 @@ void FileManager::issueHeaderOrPark(const PrimaryKey& primaryKey, uint32_t seria
     }
     return;  // given up with its extent
   }
-  EntryInfo& info = entry->second;
+  EntryInfo& info = entries_[entry].info;
   if (undeletable_.count(primaryKey) != 0) {
     dropEntry(entry);
     countWriteFailure();
@@ -145,10 +145,9 @@ void FileManager::writeEntryHeader(EntryInfo& info) {
 
 void FileManager::finishEntryWrite(const PrimaryKey& primaryKey, uint32_t serial) {
   Pt::MutexLock guard(lock_);
-  const auto entry = entries_.find(primaryKey);
-  if (entry != entries_.end() && entry->second.serial == serial) {
-    entry->second.stage = Stage::Settled;
-    entry->second.operation.reset();
+  if (EntryInfo* info = entries_.find(primaryKey); info != nullptr && info->serial == serial) {
+    info->stage = Stage::Settled;
+    info->operation.reset();
     return;
   }
   // The entry was erased while its header was in flight: the delete header
@@ -169,8 +168,8 @@ void FileManager::finishEntryWrite(const PrimaryKey& primaryKey, uint32_t serial
 void FileManager::failEntryWrite(const PrimaryKey& primaryKey, uint32_t serial) {
   countWriteFailure();
   Pt::MutexLock guard(lock_);
-  const auto entry = entries_.find(primaryKey);
-  if (entry != entries_.end() && entry->second.serial == serial) {
+  const uint32_t entry = entries_.position(primaryKey);
+  if (entry != EntryTable::kNone && entries_[entry].info.serial == serial) {
     dropEntry(entry);
     return;
   }
@@ -184,9 +183,9 @@ void FileManager::failEntryHeader(const PrimaryKey& primaryKey, uint32_t serial,
   countWriteFailure();
   Pt::MutexLock guard(lock_);
   EntryInfo failed;
-  const auto entry = entries_.find(primaryKey);
-  if (entry != entries_.end() && entry->second.serial == serial) {
-    failed = entry->second;
+  const uint32_t entry = entries_.position(primaryKey);
+  if (entry != EntryTable::kNone && entries_[entry].info.serial == serial) {
+    failed = entries_[entry].info;
     forgetEntry(entry);
     ++erasing_[primaryKey];
   } else {
@@ -202,35 +201,34 @@ void FileManager::failEntryHeader(const PrimaryKey& primaryKey, uint32_t serial,
 }
 
 // Takes an entry whose header is not on disk out of the tables.
-void FileManager::dropEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) {
-  const EntryInfo& info = entry->second;
+void FileManager::dropEntry(uint32_t entry) {
+  const EntryInfo& info = entries_[entry].info;
   releaseSpace(info.headerOffset, info.header.dataOffset, info.header.allocatedLength);
   forgetEntry(entry);
 }
 
 void FileManager::enterEntry(const PrimaryKey& primaryKey, const EntryInfo& info) {
-  const auto [entry, added] = entries_.try_emplace(primaryKey, info);
-  if (added) entry->second.recency = recency_.insert(recency_.end(), primaryKey);
+  entries_.insert(primaryKey, info);  // as the most recent
 }
 
-// Takes the entry out of the index, the secondary index and the recency list.
-void FileManager::forgetEntry(std::map<PrimaryKey, EntryInfo>::iterator entry) {
-  secondaryIndex_.remove(entry->second.header.secondaryKeyValue(), entry->first);
-  recency_.erase(entry->second.recency);
-  entries_.erase(entry);
+// Takes the entry out of the table (and its recency) and the secondary index.
+void FileManager::forgetEntry(uint32_t entry) {
+  const EntryTable::Entry& forgotten = entries_[entry];
+  secondaryIndex_.remove(forgotten.info.header.secondaryKeyValue(), forgotten.key);
+  entries_.eraseAt(entry);
 }
 
 bool FileManager::holds(const PrimaryKey& primaryKey, uint32_t serial) {
   Pt::MutexLock guard(lock_);
-  const auto entry = entries_.find(primaryKey);
-  return entry != entries_.end() && entry->second.serial == serial;
+  const EntryInfo* info = entries_.find(primaryKey);
+  return info != nullptr && info->serial == serial;
 }
 
 bool FileManager::erase(const PrimaryKey& primaryKey) {
   Pt::MutexLock guard(lock_);
-  const auto entry = entries_.find(primaryKey);
-  if (entry == entries_.end()) return false;
-  EntryInfo& info = entry->second;
+  const uint32_t entry = entries_.position(primaryKey);
+  if (entry == EntryTable::kNone) return false;
+  EntryInfo& info = entries_[entry].info;
   switch (info.stage) {
     case Stage::Settled:  // the header is on disk: delete it now
       ++erasing_[primaryKey];
@@ -304,9 +302,9 @@ void FileManager::keyDeleted(const PrimaryKey& primaryKey) {
   const auto erasing = erasing_.find(primaryKey);
   if (erasing == erasing_.end() || --erasing->second != 0) return;
   erasing_.erase(erasing);
-  const auto entry = entries_.find(primaryKey);
-  if (entry == entries_.end() || entry->second.stage != Stage::Parked) return;
-  issueHeaderOrPark(primaryKey, entry->second.serial);
+  const EntryInfo* info = entries_.find(primaryKey);
+  if (info == nullptr || info->stage != Stage::Parked) return;
+  issueHeaderOrPark(primaryKey, info->serial);
 }
 
 FileManager::CompletedRead FileManager::read(const PrimaryKey& primaryKey, int32_t requestId) {
@@ -315,11 +313,13 @@ FileManager::CompletedRead FileManager::read(const PrimaryKey& primaryKey, int32
   uint32_t serial = 0;
   {
     Pt::MutexLock guard(lock_);
-    const auto entry = entries_.find(primaryKey);
-    if (entry == entries_.end()) throw std::invalid_argument("FileManager::read: no such entry");
-    recency_.splice(recency_.end(), recency_, entry->second.recency);  // now the most recent
-    header = entry->second.header;
-    serial = entry->second.serial;
+    const uint32_t entry = entries_.position(primaryKey);
+    if (entry == EntryTable::kNone) {
+      throw std::invalid_argument("FileManager::read: no such entry");
+    }
+    entries_.touch(entry);  // now the most recent
+    header = entries_[entry].info.header;
+    serial = entries_[entry].info.serial;
     type = typeNameLocked(header.typeId);
   }
   // A stored type without a factory cannot be rebuilt: the lookup throws.

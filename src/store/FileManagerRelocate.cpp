@@ -31,6 +31,8 @@
 #include <atomic>
 #include <cassert>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "core/RaiseSites.h"
 #include "platform/InvariantCheck.h"
@@ -110,7 +112,7 @@ bool FileManager::canRelocate() {
 // allocations, the header, the type table and every extent's block.
 double FileManager::amplificationLocked() const {
   uint64_t needed = kFileHeaderSize + kTypeTableSize + extents_.size() * uint64_t{kExtentBlockSize};
-  for (const auto& entry : entries_) needed += entry.second.header.allocatedLength;
+  for (const auto& entry : entries_) needed += entry.info.header.allocatedLength;
   return static_cast<double>(fileEnd()) / static_cast<double>(needed);
 }
 
@@ -128,11 +130,22 @@ uint32_t FileManager::fixedEnd() const {
 // Plans and carries out one round. False when nothing moved (nothing left
 // to move, or a step failed).
 bool FileManager::relocateRound(RelocationFigures& figures) {
-  std::vector<EntryIterator> owners;
+  // Positions in entries_, which hold still: nothing enters or leaves the
+  // table while the store closes. In data order, so that the plan does not
+  // depend on the table's order.
+  std::vector<std::pair<uint32_t, uint32_t>> byOffset;  // data offset, position
+  for (uint32_t entry = 0; entry < entries_.size(); ++entry) {
+    const EntryInfo& info = entries_[entry].info;
+    if (info.headerOffset % kAllocationAlignment != 0) continue;  // see step 2
+    byOffset.emplace_back(info.header.dataOffset, entry);
+  }
+  std::sort(byOffset.begin(), byOffset.end());
+  std::vector<uint32_t> owners;
   std::vector<RelocationPlan::Item> items;
-  for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
-    if (entry->second.headerOffset % kAllocationAlignment != 0) continue;  // see step 2
-    const EntryHeader& header = entry->second.header;
+  owners.reserve(byOffset.size());
+  items.reserve(byOffset.size());
+  for (const auto& [offset, entry] : byOffset) {
+    const EntryHeader& header = entries_[entry].info.header;
     items.push_back(
         {static_cast<uint32_t>(owners.size()), {header.dataOffset, header.allocatedLength}});
     owners.push_back(entry);
@@ -150,7 +163,7 @@ bool FileManager::relocateRound(RelocationFigures& figures) {
   }
   if (!rewriteHeaders(plan, owners)) return false;  // both ranges of each move stay taken
   for (const RelocationPlan::Move& move : plan.moves()) {
-    EntryHeader& header = owners[move.id]->second.header;
+    EntryHeader& header = entries_[owners[move.id]].info.header;
     header.dataOffset = move.to.offset;
     header.allocatedLength = move.to.length;
     freeSpace_.add(move.from.offset, move.from.length);
@@ -161,11 +174,11 @@ bool FileManager::relocateRound(RelocationFigures& figures) {
 }
 
 // Step 1: every entry's bytes in its new range, durable.
-bool FileManager::copyData(const RelocationPlan& plan, const std::vector<EntryIterator>& owners) {
+bool FileManager::copyData(const RelocationPlan& plan, const std::vector<uint32_t>& owners) {
   std::atomic<int> failures{0};
   try {
     for (const RelocationPlan::Move& move : plan.moves()) {
-      const uint32_t length = owners[move.id]->second.header.dataLength;
+      const uint32_t length = entries_[owners[move.id]].info.header.dataLength;
       const auto request =
           Pt::IoRequest::Create(new RelocationWriteReceiver(&failures, operations_.begin()),
                                 static_cast<int>(move.to.length), Pt::IoRequest::Normal);
@@ -182,11 +195,10 @@ bool FileManager::copyData(const RelocationPlan& plan, const std::vector<EntryIt
 }
 
 // Step 2: every entry's header with its new range, durable.
-bool FileManager::rewriteHeaders(const RelocationPlan& plan,
-                                 const std::vector<EntryIterator>& owners) {
+bool FileManager::rewriteHeaders(const RelocationPlan& plan, const std::vector<uint32_t>& owners) {
   std::atomic<int> failures{0};
   for (const RelocationPlan::Move& move : plan.moves()) {
-    const EntryInfo& info = owners[move.id]->second;
+    const EntryInfo& info = entries_[owners[move.id]].info;
     EntryHeader moved = info.header;
     moved.dataOffset = move.to.offset;
     moved.allocatedLength = move.to.length;
@@ -226,7 +238,7 @@ void FileManager::cutBehindLastRange() {
   if (writeFailures() != 0) return;
   uint64_t end = fixedEnd();
   for (const auto& entry : entries_) {
-    const EntryHeader& header = entry.second.header;
+    const EntryHeader& header = entry.info.header;
     end = std::max<uint64_t>(end, uint64_t{header.dataOffset} + header.allocatedLength);
   }
   if (end >= static_cast<uint64_t>(fileEnd())) return;

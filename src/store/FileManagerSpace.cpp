@@ -132,13 +132,16 @@ void FileManager::giveUpExtentsFrom(size_t index) {
     if (!inGivenUpExtent(slot)) kept.push_back(slot);
   }
   freeEntryHeaders_.swap(kept);
-  for (auto entry = entries_.begin(); entry != entries_.end();) {
-    const auto next = std::next(entry);
-    if (inGivenUpExtent(entry->second.headerOffset)) {
-      countWriteFailure();
-      dropEntry(entry);
-    }
-    entry = next;
+  // By key, so that the slots and ranges come free in the same order
+  // whatever the table's order.
+  std::vector<PrimaryKey> lost;
+  for (const EntryTable::Entry& entry : entries_) {
+    if (inGivenUpExtent(entry.info.headerOffset)) lost.push_back(entry.key);
+  }
+  std::sort(lost.begin(), lost.end());
+  for (const PrimaryKey& key : lost) {
+    countWriteFailure();
+    dropEntry(entries_.position(key));
   }
 }
 
@@ -186,9 +189,10 @@ bool FileManager::fitsWithinBudget(uint64_t want) const {
 bool FileManager::evictForBudget(uint64_t want) {
   const uint64_t needed = want + std::min<uint64_t>(budget_ / 32, kEvictionMargin);
   bool evicted = false;
-  while (!recency_.empty() && (!evicted || freeSpace_.totalBytes() + evictingBytes_ < needed)) {
-    const PrimaryKey key = recency_.front();
-    const EntryHeader& header = entries_.at(key).header;
+  while (!entries_.empty() && (!evicted || freeSpace_.totalBytes() + evictingBytes_ < needed)) {
+    const EntryTable::Entry& oldest = entries_[entries_.leastRecent()];
+    const PrimaryKey key = oldest.key;
+    const EntryHeader& header = oldest.info.header;
     evicting_.emplace(header.dataOffset, header.allocatedLength);
     evictingBytes_ += header.allocatedLength;
     erase(key);
@@ -209,10 +213,10 @@ bool FileManager::invariantsHold() const {
   if (slots.size() != freeEntryHeaders_.size() || !freeSpace_.checkInvariants().empty()) {
     return false;
   }
-  if (recency_.size() != entries_.size()) return false;
+  if (!entries_.checkInvariants()) return false;
   std::vector<const EntryInfo*> owners;
-  for (const auto& [key, info] : entries_) {
-    if (key != info.header.primaryKeyValue() || *info.recency != key) return false;
+  for (const auto& [key, info, prev, next] : entries_) {
+    if (key != info.header.primaryKeyValue()) return false;
     if (info.stage == Stage::Parked && erasing_.count(key) == 0) return false;
     owners.push_back(&info);
   }

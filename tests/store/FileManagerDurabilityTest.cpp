@@ -82,7 +82,7 @@ class FileManagerDurabilityTest : public testing::TestWithParam<bool> {
   FileManager::Stage stageOf(const std::string& key) {
     Pt::MutexLock guard(store_->lock());
     const auto entry = store_->entries().find(Key(key));
-    return entry == store_->entries().end() ? FileManager::Stage::Settled : entry->second.stage;
+    return entry == nullptr ? FileManager::Stage::Settled : entry->stage;
   }
   FileManager::EntryInfo entry(const std::string& key) {
     Pt::MutexLock guard(store_->lock());

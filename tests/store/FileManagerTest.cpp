@@ -146,7 +146,7 @@ TEST_F(FileManagerTest, IndexBuiltFromExistingEntries) {
     EXPECT_EQ(store->droppedEntries(), c.entries.size() - static_cast<size_t>(c.count));
     Pt::MutexLock guard(store->lock());
     EXPECT_EQ(store->freeSpace().ranges(), c.free);
-    EXPECT_EQ(store->entries().find(Tarn::PrimaryKey::FromString("a"))->second.headerOffset, 816u);
+    EXPECT_EQ(store->entries().at(Tarn::PrimaryKey::FromString("a")).headerOffset, 816u);
     EXPECT_EQ(store->freeEntryHeaders().front(), c.firstFreeSlot);
   }
 }
