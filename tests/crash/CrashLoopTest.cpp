@@ -261,7 +261,9 @@ TEST_F(CrashLoop, KillNineWithASharedTierKeepsEveryCommittedVersion) {
             << " tier hits logged, " << commits_ << " commits logged, " << failed
             << " kills with findings (" << findingCount_ << " findings)" << std::endl;
   ASSERT_GT(done, 0);
-  EXPECT_GT(tierWrites_, 0) << "no write was served by the tier";
+  // A slow build (a sanitizer) may have every writer killed before it
+  // writes; once writers commit, some of their writes must be tier hits.
+  if (commits_ > 0) EXPECT_GT(tierWrites_, 0) << "no write was served by the tier";
   EXPECT_EQ(failed, 0) << firstFindings(seed);
 }
 

@@ -546,10 +546,10 @@ void IoFaultLoop::sweep() {
       }
     }
   }
-  std::cout << "io fault loop (" << request.name << (viaTier_ ? ", with a tier" : "")
-            << "): " << combinations << " combinations, " << firedCombinations
-            << " with the fault fired, " << failedFinds << " finds failed, " << tierWrites
-            << " writes served by the tier, " << findings.size() << " findings" << std::endl;
+  std::cout << "io fault loop (" << request.name << "): " << combinations << " combinations, "
+            << firedCombinations << " with the fault fired, " << failedFinds << " finds failed, ";
+  if (viaTier_) std::cout << tierWrites << " writes served by a tier, ";
+  std::cout << findings.size() << " findings" << std::endl;
   for (size_t i = 0; i < findings.size(); ++i) {
     if (i < kFindingsShown) ADD_FAILURE() << findings[i];
     std::cout << "  " << findings[i] << std::endl;
