@@ -90,8 +90,9 @@ void Model::apply(const std::string& line) {
     return;
   }
   if (!(in >> key) || key < 0 || key >= kKeyCount) return;
-  if (kind == 'W' && !(in >> version)) return;
-  if (kind != 'W' && kind != 'E') return;
+  if ((kind == 'W' || kind == 'T') && !(in >> version)) return;
+  if (kind != 'W' && kind != 'T' && kind != 'E') return;
+  if (kind == 'T') ++tierWrites_;
   current_[key] = version;
   allowed_[key].insert(version);
 }

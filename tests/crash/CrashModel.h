@@ -9,7 +9,9 @@
 //
 // The writer logs each step before it makes it ("W key version",
 // "E key"), logs "C" after each commit() that returned, and "R moved" after
-// each close (a reopen follows), with the entries that close relocated. Replaying the log
+// each close (a reopen follows), with the entries that close relocated. A
+// writer with a shared tier logs "T key version" for a write the tier serves
+// (an older version coming back); the model takes it as a write. Replaying the log
 // gives, per key, the states it may legitimately have after a kill: the state
 // at the last logged commit, plus every state written since (a write logged
 // but never made is allowed, not required).
@@ -56,6 +58,7 @@ class Model {
   int commits() const { return commits_; }
   int closes() const { return closes_; }
   int64_t relocated() const { return relocated_; }
+  int tierWrites() const { return tierWrites_; }
 
  private:
   std::map<int, int64_t> current_;
@@ -63,6 +66,7 @@ class Model {
   int commits_ = 0;
   int closes_ = 0;
   int64_t relocated_ = 0;
+  int tierWrites_ = 0;
 };
 
 // The state of `key` in `cache`, looked up with find(): absent, a version,

@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -13,6 +15,7 @@
 
 #include "crash/CrashModel.h"
 #include "store/FileManager.h"
+#include "support/FakeTier.h"
 #include "support/TestFactory.h"
 #include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
@@ -55,10 +58,77 @@ Pt::SmartPointer<Tarn::Cacheable> Object(int key, int64_t version) {
       kType, Tarn::Buffer::Create(static_cast<int32_t>(bytes.size()), bytes.data()));
 }
 
+// Generates the version of the key that the writer announced last, so that
+// a findCreate served by the factory writes a version the log names.
+class VersionFactory : public Tarn::CacheableFactory {
+ public:
+  Pt::SmartPointer<Tarn::Cacheable> create(const Tarn::CacheKey<32>&) override {
+    return Object(key, version);
+  }
+  Pt::SmartPointer<Tarn::Cacheable> decode(const Tarn::CacheKey<32>&,
+                                           const Pt::SmartPointer<Tarn::Buffer>& data) override {
+    return Tarn::Cacheable::Create(kType, data);
+  }
+  const std::string& getType() const override { return type_; }
+
+  std::atomic<int> key{0};
+  std::atomic<int64_t> version{0};
+
+ private:
+  std::string type_ = kType;
+};
+
+// The writer's shared tier: an in-process fake that fills as the writer
+// publishes. Lookups are answered inline, and the writer waits for each
+// publish, so it knows before each findCreate whether the tier serves it
+// and with which version.
+struct TierSide {
+  std::shared_ptr<TarnTest::FakeTier> tier = std::make_shared<TarnTest::FakeTier>();
+  Pt::SmartPointer<VersionFactory> factory{new VersionFactory};
+  std::map<int, int64_t> published;  // the version the tier holds per key
+};
+
+[[noreturn]] void Fail(const std::string& what) {
+  std::fprintf(stderr, "crash writer: %s\n", what.c_str());
+  std::_Exit(4);
+}
+
+// A write through findCreate: the tier's version when it holds the key
+// (logged "T", decoded and inserted by the cache), else a generated one that
+// the cache publishes. The object delivered must be the version logged.
+void WriteThroughTier(Tarn::Cache& cache, SideLog& log, TierSide& side, int key, int64_t& version) {
+  const auto held = side.published.find(key);
+  const bool hit = held != side.published.end();
+  const int64_t expected = hit ? held->second : version++;
+  const uint64_t hitsBefore = cache.tierStatistics().hits;
+  const int publishesBefore = side.tier->publishes;
+  side.factory->key = key;
+  side.factory->version = expected;
+  log.line(std::string(hit ? "T " : "W ") + std::to_string(key) + " " + std::to_string(expected));
+  const Pt::SmartPointer<Tarn::Cacheable> got =
+      cache
+          .findCreateFuture(Tarn::PrimaryKey::FromString(KeyName(key)),
+                            Tarn::SecondaryKey::FromString("crash"), kType)
+          .get();
+  Pt::SmartPointer<Tarn::Buffer> data;
+  if (got) data = got->getData();
+  if (!data || VersionOf(key, std::vector<uint8_t>(data->bytes(),
+                                                   data->bytes() + data->length())) != expected) {
+    Fail("findCreate of " + KeyName(key) + " did not deliver version " + std::to_string(expected));
+  }
+  if (hit && cache.tierStatistics().hits != hitsBefore + 1) Fail("expected a tier hit");
+  if (!hit) {
+    if (!side.tier->waitPublished(publishesBefore + 1))
+      Fail("the generated object was not published");
+    side.published[key] = expected;
+  }
+}
+
 // One step on one key: insert when it is absent; otherwise replace it
 // (erase, then insert at once, while the first write may be in flight) or
-// erase it.
-void Step(Tarn::Cache& cache, SideLog& log, std::mt19937_64& random, int64_t& version) {
+// erase it. With a tier, two writes in three go through findCreate.
+void Step(Tarn::Cache& cache, SideLog& log, std::mt19937_64& random, int64_t& version,
+          TierSide* side) {
   const int key = random() % 5 < 3 ? static_cast<int>(random() % kSmallKeys)
                                    : kSmallKeys + static_cast<int>(random() % kLargeKeys);
   const Tarn::PrimaryKey primary = Tarn::PrimaryKey::FromString(KeyName(key));
@@ -68,6 +138,8 @@ void Step(Tarn::Cache& cache, SideLog& log, std::mt19937_64& random, int64_t& ve
     cache.erase(primary);
     if (random() % 4 == 0) return;  // an erase alone
   }
+  if (side != nullptr && random() % 3 != 0)
+    return WriteThroughTier(cache, log, *side, key, version);
   const int64_t next = version++;
   log.line("W " + std::to_string(key) + " " + std::to_string(next));
   cache.insert(primary, secondary, Object(key, next).get());
@@ -76,7 +148,7 @@ void Step(Tarn::Cache& cache, SideLog& log, std::mt19937_64& random, int64_t& ve
 }  // namespace
 
 int RunWriter(int argc, char** argv) {
-  if (argc != 6) {
+  if (argc != 6 && !(argc == 7 && std::string(argv[6]) == kTierFlag)) {
     std::fprintf(stderr, "crash writer: wrong arguments\n");
     return 2;
   }
@@ -93,7 +165,17 @@ int RunWriter(int argc, char** argv) {
     config.memoryTarget = 1 << 20;
     config.workerThreads = 1;
     const std::wstring path(cachePath.begin(), cachePath.end());
+    std::unique_ptr<TierSide> side;
+    if (argc == 7) side = std::make_unique<TierSide>();
     const auto open = [&] {
+      if (side) {
+        Tarn::TierConfig tier;
+        tier.tier = side->tier;
+        tier.keyNamespace = "crash";
+        return std::make_unique<Tarn::Cache>(
+            path.c_str(), config,
+            std::vector<Pt::SmartPointer<Tarn::CacheableFactory>>{side->factory}, tier);
+      }
       return std::make_unique<Tarn::Cache>(
           path.c_str(), config,
           std::vector<Pt::SmartPointer<Tarn::CacheableFactory>>{new TarnTest::NamedFactory(kType)});
@@ -101,7 +183,7 @@ int RunWriter(int argc, char** argv) {
     auto cache = open();
     const auto end = std::chrono::steady_clock::now() + kSafetyLimit;
     while (std::chrono::steady_clock::now() < end) {
-      Step(*cache, log, random, version);
+      Step(*cache, log, random, version, side.get());
       if (random() % kStepsPerCommit == 0) {
         cache->commit();
         log.line("C");

@@ -13,7 +13,13 @@ inline constexpr const char* kWriterFlag = "--crash-writer";
 // The type name of the writer's objects.
 inline constexpr const char* kType = "rec";
 
-// argv: program, kWriterFlag, cache file, log file, seed, first version.
+// The optional last argument that gives the writer a shared tier: two
+// writes in three then go through findCreate, served by the tier when it
+// holds the key (logged "T key version") or generated and published.
+inline constexpr const char* kTierFlag = "--tier";
+
+// argv: program, kWriterFlag, cache file, log file, seed, first version,
+// optionally kTierFlag.
 // Writes until killed (or, as a safety net, for a while) and returns the
 // process's exit status.
 int RunWriter(int argc, char** argv);

@@ -19,6 +19,12 @@
 // from a file whose first extent has only a few free slots, so the inserts
 // append an extent.
 //
+// The tier variants run the insert and churn faults once more with a shared
+// tier: half of the writes put the version's record in an in-process tier
+// and have a findCreate of the erased key served from it, so that the cache
+// decodes and stores it as it stores its own inserts. The same checks hold,
+// and every such write must have been a tier hit.
+//
 // A failed flush is not in the loop: the device's fdatasync is not routed
 // through the fault seam (only SyncFile's is).
 //
@@ -44,6 +50,7 @@
 #include "platform/IoFaultInjection.h"
 #include "pt/Platform.h"
 #include "store/FileFormat.h"
+#include "support/FakeTier.h"
 #include "support/PostedExceptions.h"
 #include "support/RawCacheFile.h"
 #include "support/RecordingReceiver.h"
@@ -51,6 +58,7 @@
 #include "support/TestFactory.h"
 #include "support/ZeroedConfig.h"
 #include "tarn/tarn.h"
+#include "tier/TierRecord.h"
 
 namespace TarnCrash {
 namespace {
@@ -68,6 +76,7 @@ constexpr int32_t kDataAllocation = 4096;  // above every payload: one data leng
 constexpr int kAnswerTimeoutMs = 20000;
 constexpr auto kCloseTimeout = std::chrono::seconds(60);
 constexpr size_t kFindingsShown = 20;
+constexpr const char* kTierNamespace = "faults";
 
 uint64_t Setting(const char* name, uint64_t fallback) {
   const char* value = std::getenv(name);
@@ -149,6 +158,7 @@ struct Outcome {
   int fired = 0;
   int32_t writeFailures = 0;
   int finds = 0, failedFinds = 0;
+  int tierWrites = 0;
   std::vector<std::string> findings;
 };
 
@@ -163,16 +173,23 @@ class Session {
     }
   }
 
-  void write(int key) {
+  // With a tier, even keys are written through it (see writeThroughTier).
+  void setTier(TarnTest::FakeTier* tier) { tier_ = tier; }
+  bool write(int key) {
     if (current_[key] != kAbsent) erase(key);
     const int64_t version = ++nextVersion_;
     log(key, version);
+    if (tier_ != nullptr && key % 2 == 0) return writeThroughTier(key, version);
     cache_.insert(Tarn::PrimaryKey::FromString(KeyName(key)), Tarn::SecondaryKey{},
                   Object(Payload(key, version)).get());
+    return true;
   }
+  // An erased key leaves the tier too, or a find would be served from it.
   void erase(int key) {
     log(key, kAbsent);
-    cache_.erase(Tarn::PrimaryKey::FromString(KeyName(key)));
+    const Tarn::PrimaryKey primary = Tarn::PrimaryKey::FromString(KeyName(key));
+    if (tier_ != nullptr) tier_->remove(Tarn::TierKey(kTierNamespace, kType, primary));
+    cache_.erase(primary);
   }
   void purge(int key) { cache_.purge(Tarn::PrimaryKey::FromString(KeyName(key))); }
   // Finds the key and waits for the answer; false when none came in time.
@@ -192,8 +209,11 @@ class Session {
     if (tainted_.count(key) != 0) tainted_[key].insert(state);
   }
   void finding(const std::string& what) { outcome_.findings.push_back(what); }
+  bool writeThroughTier(int key, int64_t version);
+  bool answered(int key, int id, const char* what);
 
   Tarn::Cache& cache_;
+  TarnTest::FakeTier* tier_ = nullptr;
   Model model_;
   Outcome& outcome_;
   std::map<int, int64_t> current_;
@@ -216,9 +236,28 @@ bool Session::find(int key) {
     return true;
   }
   ++outcome_.finds;
+  return answered(key, id, "find");
+}
+
+// The tier holds the version's record; the key is erased here, so the
+// findCreate must be a tier hit that delivers exactly that version.
+bool Session::writeThroughTier(int key, int64_t version) {
+  const Tarn::PrimaryKey primary = Tarn::PrimaryKey::FromString(KeyName(key));
+  const std::string tierKey = Tarn::TierKey(kTierNamespace, kType, primary);
+  const Bytes bytes = Payload(key, version);
+  tier_->put(tierKey, Tarn::EncodeTierRecord(tierKey, kType, Tarn::SecondaryKey{}, bytes.data(),
+                                             static_cast<uint32_t>(bytes.size())));
+  ++outcome_.tierWrites;
+  return answered(key, cache_.findCreate(primary, Tarn::SecondaryKey{}, kType, receiver_.get()),
+                  "findCreate");
+}
+
+// Waits for the answer to request `id` and checks what it delivered.
+bool Session::answered(int key, int id, const char* what) {
   requestIds_.push_back(id);
   if (!receiver_->waitFor(requestIds_.size(), kAnswerTimeoutMs)) {
-    finding("find of " + KeyName(key) + " (request " + std::to_string(id) + ") never answered");
+    finding(std::string(what) + " of " + KeyName(key) + " (request " + std::to_string(id) +
+            ") never answered");
     return false;
   }
   const TarnTest::ReceiverCall call = receiver_->calls().back();
@@ -306,15 +345,20 @@ class IoFaultLoop : public testing::TestWithParam<EngineAndRequest> {
     return kRequests[0];
   }
 
-  std::unique_ptr<Tarn::Cache> open(bool create, int32_t minAllocation) {
+  std::unique_ptr<Tarn::Cache> open(bool create, int32_t minAllocation,
+                                    const std::shared_ptr<TarnTest::FakeTier>& tier = nullptr) {
     Tarn::Config config = Tarn::ZeroedConfig();
     config.memoryTarget = 1 << 30;
     config.workerThreads = 2;
     config.minAllocation = minAllocation;
     config.createIfMissing = create;
+    Tarn::TierConfig tierConfig;
+    tierConfig.tier = tier;
+    tierConfig.keyNamespace = kTierNamespace;
     return std::make_unique<Tarn::Cache>(
         dir_.wfile("c.tarn").c_str(), config,
-        std::vector<Pt::SmartPointer<Tarn::CacheableFactory>>{new TarnTest::NamedFactory(kType)});
+        std::vector<Pt::SmartPointer<Tarn::CacheableFactory>>{new TarnTest::NamedFactory(kType)},
+        tierConfig);
   }
 
   void buildBase();
@@ -322,8 +366,11 @@ class IoFaultLoop : public testing::TestWithParam<EngineAndRequest> {
   void closeWithin(std::unique_ptr<Tarn::Cache>& cache, const Combination& combination);
   void verifyReopened(const Session& session, Outcome& outcome);
   Outcome run(const Combination& combination);
+  // Every combination of the request's faults; fails the test on findings.
+  void sweep();
 
   TarnTest::TempDir dir_;
+  bool viaTier_ = false;
   bool initialised_ = false;
   Bytes base_;
   std::map<int, int64_t> baseline_;
@@ -354,7 +401,9 @@ void IoFaultLoop::runWorkload(Session& session, const Combination& combination, 
     if (now) ruleId = IoFaultInjection::Add(RuleFor(combination));
   };
   arm(request != Request::Delete && request != Request::Read);
-  for (int key = kBaselineKeys; key < kKeysUsed; ++key) session.write(key);
+  for (int key = kBaselineKeys; key < kKeysUsed; ++key) {
+    if (!session.write(key)) return;
+  }
   session.commit();
   arm(request == Request::Delete);
   for (int key = 0; key < 10; ++key) session.erase(key), session.erase(kBaselineKeys + key);
@@ -377,8 +426,8 @@ void IoFaultLoop::runWorkload(Session& session, const Combination& combination, 
     } else if (roll < 45) {
       if (roll < 35) session.purge(key);
       if (!session.find(key)) return;
-    } else {
-      session.write(key);
+    } else if (!session.write(key)) {
+      return;
     }
   }
   session.commit();
@@ -438,12 +487,20 @@ Outcome IoFaultLoop::run(const Combination& combination) {
     return outcome;
   }
   TarnTest::PostedExceptions posted;  // failures are posted too; kept quiet here
-  auto cache = open(false, kDataAllocation);
+  const auto tier = viaTier_ ? std::make_shared<TarnTest::FakeTier>() : nullptr;
+  auto cache = open(false, kDataAllocation, tier);
   Session session(*cache, baseline_, outcome);
+  session.setTier(tier.get());
   int ruleId = -1;
   runWorkload(session, combination, ruleId);
   outcome.fired = IoFaultInjection::Fired(ruleId);
   outcome.writeFailures = cache->fileWriteFailures();
+  const uint64_t hits = cache->tierStatistics().hits;
+  // Finds of keys whose write failed may be served by the tier as well.
+  if (hits < static_cast<uint64_t>(outcome.tierWrites)) {
+    outcome.findings.push_back(std::to_string(outcome.tierWrites) + " writes through the tier, " +
+                               std::to_string(hits) + " tier hits");
+  }
   closeWithin(cache, combination);
   IoFaultInjection::Clear();
   session.checkAnswers();
@@ -467,11 +524,11 @@ std::string CaseName(const testing::TestParamInfo<EngineAndRequest>& info) {
 
 const auto kEngines = testing::Values(Pt::IoEngineKind::IoUring, Pt::IoEngineKind::ThreadPool);
 
-TEST_P(IoFaultLoop, EveryRequestAnsweredOnceAndNothingWrongOrLost) {
+void IoFaultLoop::sweep() {
   buildBase();
   const RequestCase& request = this->request();
   const int maxN = std::min(static_cast<int>(Setting("TARN_FAULTLOOP_MAX_N", 5)), request.maxN);
-  int combinations = 0, firedCombinations = 0, failedFinds = 0;
+  int combinations = 0, firedCombinations = 0, failedFinds = 0, tierWrites = 0;
   std::vector<std::string> findings;
   for (const Failure failure : {Failure::Eio, Failure::Enospc, Failure::Short}) {
     for (const Firing firing : {Firing::Once, Firing::FromThenOn}) {
@@ -481,6 +538,7 @@ TEST_P(IoFaultLoop, EveryRequestAnsweredOnceAndNothingWrongOrLost) {
         ++combinations;
         firedCombinations += outcome.fired > 0 ? 1 : 0;
         failedFinds += outcome.failedFinds;
+        tierWrites += outcome.tierWrites;
         if (outcome.fired == 0) findings.push_back(combination.name() + ": the rule never fired");
         for (const std::string& what : outcome.findings) {
           findings.push_back(combination.name() + ": " + what);
@@ -489,13 +547,32 @@ TEST_P(IoFaultLoop, EveryRequestAnsweredOnceAndNothingWrongOrLost) {
     }
   }
   std::cout << "io fault loop (" << request.name << "): " << combinations << " combinations, "
-            << firedCombinations << " with the fault fired, " << failedFinds << " finds failed, "
-            << findings.size() << " findings" << std::endl;
+            << firedCombinations << " with the fault fired, " << failedFinds << " finds failed, ";
+  if (viaTier_) std::cout << tierWrites << " writes served by a tier, ";
+  std::cout << findings.size() << " findings" << std::endl;
   for (size_t i = 0; i < findings.size(); ++i) {
     if (i < kFindingsShown) ADD_FAILURE() << findings[i];
     std::cout << "  " << findings[i] << std::endl;
   }
   EXPECT_TRUE(findings.empty());
+}
+
+TEST_P(IoFaultLoop, EveryRequestAnsweredOnceAndNothingWrongOrLost) {
+  sweep();
+}
+
+// Tier hits are decoded and stored through the same insert as the
+// application's own objects, while the file's writes fail.
+class TierFaultLoop : public IoFaultLoop {
+ protected:
+  void SetUp() override {
+    viaTier_ = true;
+    IoFaultLoop::SetUp();
+  }
+};
+
+TEST_P(TierFaultLoop, TierHitsStoredUnderFaultsLoseNothingCommitted) {
+  sweep();
 }
 
 // A find of a purged key whose data write is still in flight queues a read
@@ -545,6 +622,10 @@ INSTANTIATE_TEST_SUITE_P(
     CaseName);
 INSTANTIATE_TEST_SUITE_P(DataFaults, IoFaultLoop,
                          testing::Combine(kEngines, testing::Values(Request::Data)), CaseName);
+INSTANTIATE_TEST_SUITE_P(Faults, TierFaultLoop,
+                         testing::Combine(kEngines, testing::Values(Request::Data, Request::Header,
+                                                                    Request::Delete)),
+                         CaseName);
 INSTANTIATE_TEST_SUITE_P(Engines, DataWriteFault,
                          testing::Combine(kEngines, testing::Values(Request::Data)), CaseName);
 

@@ -14,8 +14,8 @@
 #include "core/RaiseSites.h"
 #include "manager/CacheManager.h"
 #include "support/CacheFixture.h"
+#include "support/FakeTier.h"
 #include "support/PostedExceptions.h"
-#include "tier/FakeTier.h"
 #include "tier/TierRecord.h"
 
 namespace Tarn {

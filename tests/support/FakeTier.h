@@ -48,6 +48,7 @@ class FakeTier : public Tarn::SharedTier {
 
   void put(const std::string& key, const std::string& value);
   bool get(const std::string& key, std::string& value);
+  void remove(const std::string& key);
   size_t size();
   // Answers every Held lookup from the map now.
   void release();

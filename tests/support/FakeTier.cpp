@@ -1,4 +1,4 @@
-#include "tier/FakeTier.h"
+#include "support/FakeTier.h"
 
 #include <algorithm>
 
@@ -50,6 +50,11 @@ bool FakeTier::get(const std::string& key, std::string& value) {
   if (found == values_.end()) return false;
   value = found->second;
   return true;
+}
+
+void FakeTier::remove(const std::string& key) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  values_.erase(key);
 }
 
 size_t FakeTier::size() {
