@@ -7,6 +7,10 @@
 // bytes it must hold (the live entries' allocations, the header, the type
 // table and each extent's block). The close relocates the entries at the end
 // of the file into the gaps nearer its start, which keeps it within the bar.
+// With a file budget, the file is also held to the budget plus one extent
+// after every operation, entries the budget pushed out may be missing (never
+// stale, and never back after a later reopen), and the budget must have
+// pushed some out.
 //
 // The default cycle counts keep each case to a few seconds; TARN_CHURN_LONG=1
 // runs the long forms (`make churntest`), TARN_CHURN_CYCLES caps the cycles
@@ -15,6 +19,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 #include <random>
 #include <string>
@@ -25,6 +30,7 @@
 #include "core/RaiseSites.h"
 #include "platform/SyncFile.h"
 #include "store/CacheFileLoader.h"
+#include "store/FileFormat.h"
 #include "store/SpaceReport.h"
 #include "support/CacheFixture.h"
 
@@ -40,12 +46,20 @@ struct ChurnCase {
   int cycles;      // the default run
   int longCycles;  // TARN_CHURN_LONG=1
   int opsPerCycle;
-  int warmUpCycles;  // cycles whose amplification is held to the bound only
+  int warmUpCycles;        // cycles whose amplification is held to the bound only
+  int32_t fileBudget = 0;  // Config::fileBudget; 0 for none
 };
 
-constexpr ChurnCase kTwentyKeys{20, 100, 300, 40, 20};
-constexpr ChurnCase kTwoThousandKeys{2'000, 25, 100, 300, 10};
-const ChurnCase kCases[] = {kTwentyKeys, kTwoThousandKeys};
+// The live data at steady state is about three quarters of the keys times
+// 9 KiB (the mean of the size distribution); each budget is well below it.
+const ChurnCase kCases[] = {
+    {20, 100, 300, 40, 20},
+    {2'000, 25, 100, 300, 10},
+    {50'000, 4, 30, 4'000, 2},
+    {20, 60, 300, 40, 10, 400 << 10},
+    {2'000, 25, 100, 300, 10, 6 << 20},
+    {50'000, 6, 30, 4'000, 2, 24 << 20},
+};
 
 unsigned EnvOr(const char* name, unsigned fallback) {
   const char* text = std::getenv(name);
@@ -76,8 +90,10 @@ class Churn : public TarnTest::CacheFixture, public testing::WithParamInterface<
   static Tarn::Config SmallMemory() {
     Tarn::Config config = DefaultConfig();
     config.memoryTarget = 256 << 10;  // most finds after a reopen read the file
+    config.fileBudget = GetParam().fileBudget;
     return config;
   }
+  bool budgeted() const { return GetParam().fileBudget != 0; }
   static Tarn::PrimaryKey KeyOf(uint32_t key) { return Key("churn-" + std::to_string(key)); }
 
   // Runs the cycles; returns the amplification after each close.
@@ -94,10 +110,15 @@ class Churn : public TarnTest::CacheFixture, public testing::WithParamInterface<
       open(SmallMemory());
       checkEveryEntry();
       churn(shape.opsPerCycle);
+      evictions_ += cache_->fileEvictions();
       close();
+      expectWithinBudget("after the close");
       figures.push_back(Tarn::SpaceAmplification(dir_.file("cache.tarn")));
     }
     report(figures);
+    if (budgeted() && !HasFailure()) {
+      EXPECT_GT(evictions_, 0) << "the budget never bound";
+    }
     return figures;
   }
 
@@ -110,8 +131,19 @@ class Churn : public TarnTest::CacheFixture, public testing::WithParamInterface<
       highest = std::max(highest, figures[cycle]);
     }
     const size_t counted = figures.size() - from;
-    std::printf("churn %d keys, %zu cycles: amplification after warm-up mean %.3f, highest %.3f\n",
-                GetParam().keys, figures.size(), counted == 0 ? 0.0 : sum / counted, highest);
+    std::printf(
+        "churn %d keys, budget %d, %zu cycles: amplification after warm-up mean %.3f, highest "
+        "%.3f; %lld evicted from the file\n",
+        GetParam().keys, GetParam().fileBudget, figures.size(), counted == 0 ? 0.0 : sum / counted,
+        highest, static_cast<long long>(evictions_));
+  }
+
+  // The file passes its budget by one extent of entry slots at the most.
+  void expectWithinBudget(const char* when) {
+    if (!budgeted()) return;
+    const uintmax_t size = std::filesystem::file_size(dir_.file("cache.tarn"));
+    ASSERT_LE(size, static_cast<uintmax_t>(GetParam().fileBudget) + Tarn::kExtentBlockSize)
+        << "the file is past its budget " << when;
   }
 
   void churn(int operations) {
@@ -129,11 +161,13 @@ class Churn : public TarnTest::CacheFixture, public testing::WithParamInterface<
               "tile", Tarn::Buffer::Create(static_cast<int32_t>(bytes.size()), bytes.data()))
               .get());
       model_[key] = version;
+      expectWithinBudget("during the churn");
     }
   }
 
   // Every key the model holds reads back with exactly its last version's
-  // bytes; no other key is there.
+  // bytes (under a budget: or is gone, and then stays gone); no other key is
+  // there.
   void checkEveryEntry() {
     Tarn::Serialize sync(cache_.get());
     int live = 0;
@@ -142,8 +176,12 @@ class Churn : public TarnTest::CacheFixture, public testing::WithParamInterface<
         EXPECT_FALSE(cache_->isCached(KeyOf(key))) << "erased key " << key << " is back";
         continue;
       }
-      ++live;
       const Pt::SmartPointer<Tarn::Cacheable>& found = sync.find(KeyOf(key));
+      if (!found && budgeted()) {
+        model_[key].reset();  // evicted for the budget
+        continue;
+      }
+      ++live;
       ASSERT_TRUE(found) << "key " << key << " version " << model_[key]->number << " is lost";
       const Pt::SmartPointer<Tarn::Buffer>& data = found->getData();
       const std::vector<uint8_t> expected = Payload(key, *model_[key]);
@@ -155,6 +193,7 @@ class Churn : public TarnTest::CacheFixture, public testing::WithParamInterface<
   }
 
   std::mt19937 random_;
+  int64_t evictions_ = 0;
   std::vector<std::optional<Version>> model_;
   uint32_t lastVersion_ = 0;
 };
@@ -172,7 +211,10 @@ TEST_P(Churn, StaysWithinTheBarAfterEveryClose) {
 }
 
 std::string KeysName(const testing::TestParamInfo<ChurnCase>& info) {
-  return std::to_string(info.param.keys);
+  const std::string keys = std::to_string(info.param.keys);
+  return info.param.fileBudget == 0
+             ? keys
+             : keys + "Budget" + std::to_string(info.param.fileBudget >> 10) + "KiB";
 }
 
 INSTANTIATE_TEST_SUITE_P(Keys, Churn, testing::ValuesIn(kCases), KeysName);
