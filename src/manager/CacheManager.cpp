@@ -242,7 +242,7 @@ void CacheManager::clear() {
   {
     Pt::UniqueLock index(indexLock_);
     PrimaryKey key{};
-    while (slots_.firstKey(key)) releaseSlot(key, collected);
+    while (slots_.anyKey(key)) releaseSlot(key, collected);
     Pt::UniqueLock file(fileLock_);
     index.unlock();
     try {
@@ -318,7 +318,7 @@ void CacheManager::purgeAll() {
   {
     Pt::MutexLock index(indexLock_);
     PrimaryKey key{};
-    while (slots_.firstKey(key)) {
+    while (slots_.anyKey(key)) {
       releaseSlot(key, collected);
       ++purged_;
     }

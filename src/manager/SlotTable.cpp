@@ -33,7 +33,7 @@ int32_t Wrap(int64_t value) {
   return static_cast<int32_t>(static_cast<uint32_t>(value));
 }
 
-using Index = std::map<PrimaryKey, uint32_t>;
+using Index = std::unordered_map<PrimaryKey, uint32_t, SeededKeyHash>;
 
 bool UsedGeneration(uint32_t generation) {
   return generation >= 1 && generation <= SlotTable::kMaxGeneration;
@@ -220,7 +220,7 @@ void SlotTable::evictLeastRecentlyUsed() {
   assert(none.empty());
 }
 
-bool SlotTable::firstKey(PrimaryKey& key) const {
+bool SlotTable::anyKey(PrimaryKey& key) const {
   if (index_.empty()) return false;
   key = index_.begin()->first;
   return true;

@@ -2,7 +2,7 @@
 //
 // One slot per primary key that is held in memory or has a request in
 // progress (a file read, a shared tier lookup or a generation). A slot is found by key through
-// `index_`, or directly by request id: an id is the slot's generation (1 to
+// `index_` (a hash map), or directly by request id: an id is the slot's generation (1 to
 // 65535) times 65536 plus its position, so it names one use of one slot and
 // is never 0. All receivers waiting on one slot share its request id.
 //
@@ -36,10 +36,11 @@
 
 #include <cstdint>
 #include <list>
-#include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
+#include "core/KeyHash.h"
 #include "pt/SmartPointer.h"
 #include "tarn/CacheKey.h"
 #include "tarn/Cacheable.h"
@@ -114,13 +115,13 @@ class SlotTable {
   // Evicts while over the bounds (see above); returns how many were evicted.
   int trim();
 
-  // Every indexed slot, in key order.
+  // Every indexed slot, in no particular order.
   template <class Visit>
   void forEachIndexed(Visit visit) {
     for (const auto& [key, requestId] : index_) visit(slots_[requestId & 0xFFFF]);
   }
-  // The smallest indexed key; false when the table is empty.
-  bool firstKey(PrimaryKey& key) const;
+  // Some indexed key; false when the table is empty.
+  bool anyKey(PrimaryKey& key) const;
 
   size_t inMemoryCount() const { return lru_.size(); }
   int32_t memoryInUse() const { return memoryInUse_; }
@@ -141,7 +142,7 @@ class SlotTable {
   const int32_t memorySlack_;
   int32_t memoryInUse_ = 0;
   std::list<PrimaryKey> lru_;
-  std::map<PrimaryKey, uint32_t> index_;
+  std::unordered_map<PrimaryKey, uint32_t, SeededKeyHash> index_;
   std::vector<uint32_t> freeSlots_;
   std::vector<CacheSlot> slots_;
   [[maybe_unused]] size_t changesSinceCheck_ = 0;  // drives the debug builds' periodic walk

@@ -1,0 +1,48 @@
+// KeyHash: the hash of a primary key for the in-memory hash indexes.
+//
+// Seeded once per process from std::random_device, so that which keys
+// collide cannot be worked out from the function alone and an application
+// fed keys by others cannot be made to probe long chains. Only the key's
+// significant bytes and its length take part, as in key comparison, so keys
+// that compare equal hash equal.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string_view>
+
+#include "tarn/CacheKey.h"
+
+namespace Tarn {
+
+inline uint64_t ProcessKeySeed() {
+  static const uint64_t seed = [] {
+    std::random_device device;
+    return (uint64_t{device()} << 32) ^ device();
+  }();
+  return seed;
+}
+
+inline uint64_t HashKey(const PrimaryKey& key, uint64_t seed) {
+  constexpr uint64_t kMix = 0x9E3779B97F4A7C15ull;
+  uint64_t words[4] = {};
+  static_assert(sizeof(words) == sizeof(key.data));
+  const std::string_view bytes = key.view();
+  std::memcpy(words, bytes.data(), bytes.size());
+  uint64_t hash = seed ^ static_cast<uint64_t>(key.length);
+  for (const uint64_t word : words) {
+    hash = (hash ^ word) * kMix;
+    hash ^= hash >> 29;
+  }
+  return hash;
+}
+
+// For std::unordered_map and its kin.
+struct SeededKeyHash {
+  size_t operator()(const PrimaryKey& key) const { return HashKey(key, seed); }
+  uint64_t seed = ProcessKeySeed();
+};
+
+}  // namespace Tarn
