@@ -13,6 +13,7 @@
 #include "platform/TestPoint.h"
 #include "pt/Platform.h"
 #include "pt/PtIoDeviceFile.h"
+#include "support/DeviceFixture.h"
 #include "support/IoRecorder.h"
 #include "support/PostedExceptions.h"
 #include "support/RawCacheFile.h"
@@ -28,51 +29,15 @@ using Pt::SmartPointer;
 using Pt::TestPoint;
 using TarnTest::IoRecorder;
 using Action = IoFaultInjection::Action;
-using Bytes = std::vector<uint8_t>;
 
-SmartPointer<IoRecorder> Recorder(int id = 0) {
-  return SmartPointer<IoRecorder>(new IoRecorder(id));
-}
-
-class DeviceTest : public testing::TestWithParam<Pt::IoEngineKind> {
+class DeviceTest : public TarnTest::DeviceFixture {
  protected:
   void SetUp() override {
-    Pt::Config config;
-    config.asyncFileIo = true;
-    config.ioEngine = GetParam();
-    Pt::PlatformInit(config);
+    DeviceFixture::SetUp();
     // Automatic runs the split engine, which reports the ring.
     const bool automatic = GetParam() == Pt::IoEngineKind::Automatic;
     ASSERT_EQ(Pt::ActiveIoEngine(), automatic ? Pt::IoEngineKind::IoUring : GetParam());
-    std::ofstream(path_, std::ios::binary).write(std::string(kFileSize, '\0').data(), kFileSize);
-    device_ = PtIoDeviceFile::Create(dir_.wfile("device.bin").c_str(), PtIoDeviceFile::ReadWrite);
   }
-
-  void TearDown() override {
-    TestPoint::Unwatch();
-    IoTrace::Stop();
-    IoFaultInjection::Clear();
-    device_.reset();
-    Pt::PlatformUninit();
-  }
-
-  static SmartPointer<IoRequest> Request(const SmartPointer<IoRecorder>& recorder, int64_t offset,
-                                         int length, uint8_t fill = 0) {
-    SmartPointer<IoRequest> request = IoRequest::Create(recorder.get(), length, IoRequest::Normal);
-    request->setOffset(offset);
-    std::memset(request->data(), fill, static_cast<size_t>(length));
-    return request;
-  }
-
-  Bytes fileBytes(int64_t offset, size_t length) {
-    const Bytes bytes = TarnTest::ReadFileBytes(path_);
-    return Bytes(bytes.begin() + offset, bytes.begin() + offset + static_cast<int64_t>(length));
-  }
-
-  static constexpr int kFileSize = 1 << 20;
-  TarnTest::TempDir dir_;
-  const std::string path_ = dir_.file("device.bin");
-  SmartPointer<PtIoDeviceFile> device_;
 };
 
 // Each request's completion arrives on an I/O thread with the bytes read or
@@ -361,16 +326,7 @@ TEST_P(DeviceTest, ReadNowOrQueueWaitsBehindAnOverlappingWrite) {
 INSTANTIATE_TEST_SUITE_P(Engines, DeviceTest,
                          testing::Values(Pt::IoEngineKind::IoUring, Pt::IoEngineKind::ThreadPool,
                                          Pt::IoEngineKind::Automatic),
-                         [](const testing::TestParamInfo<Pt::IoEngineKind>& info) {
-                           switch (info.param) {
-                             case Pt::IoEngineKind::IoUring:
-                               return "IoUring";
-                             case Pt::IoEngineKind::ThreadPool:
-                               return "ThreadPool";
-                             default:
-                               return "Split";  // reads on the ring, writes on the pool
-                           }
-                         });
+                         TarnTest::EngineName);
 
 // A ring that cannot be set up falls back to the thread pool, unless io_uring
 // was asked for by name: then the init fails with the ring's errno. Init is

@@ -21,6 +21,7 @@
 #include "platform/TestPoint.h"
 #include "pt/Platform.h"
 #include "pt/PtIoDeviceFile.h"
+#include "support/DeviceFixture.h"
 #include "support/IoRecorder.h"
 #include "support/RawCacheFile.h"
 #include "support/TempDir.h"
@@ -36,27 +37,13 @@ using Pt::TestPoint;
 using TarnTest::IoRecorder;
 using Action = IoFaultInjection::Action;
 using Kind = IoFaultInjection::Kind;
-using Bytes = std::vector<uint8_t>;
 
-class WriteGroupTest : public testing::TestWithParam<Pt::IoEngineKind> {
+class WriteGroupTest : public TarnTest::DeviceFixture {
  protected:
   void SetUp() override {
-    Pt::Config config;
-    config.asyncFileIo = true;
-    config.ioEngine = GetParam();
-    Pt::PlatformInit(config);
-    std::ofstream(path_, std::ios::binary).write(std::string(kFileSize, '\0').data(), kFileSize);
-    device_ = PtIoDeviceFile::Create(dir_.wfile("device.bin").c_str(), PtIoDeviceFile::ReadWrite);
+    DeviceFixture::SetUp();
     groupsBefore_ = Pt::CurrentIoEngine()->writeGroups();
     groupedBefore_ = Pt::CurrentIoEngine()->groupedWrites();
-  }
-
-  void TearDown() override {
-    TestPoint::Unwatch();
-    IoTrace::Stop();
-    IoFaultInjection::Clear();
-    device_.reset();
-    Pt::PlatformUninit();
   }
 
   // Holds the next `count` writes; they go to the engine on ReleaseHeld.
@@ -65,24 +52,12 @@ class WriteGroupTest : public testing::TestWithParam<Pt::IoEngineKind> {
   }
 
   void write(const SmartPointer<IoRecorder>& recorder, int64_t offset, int length, uint8_t fill) {
-    SmartPointer<IoRequest> request = IoRequest::Create(recorder.get(), length, IoRequest::Normal);
-    request->setOffset(offset);
-    std::memset(request->data(), fill, static_cast<size_t>(length));
-    device_->write(request);
+    device_->write(Request(recorder, offset, length, fill));
   }
 
   uint64_t groups() const { return Pt::CurrentIoEngine()->writeGroups() - groupsBefore_; }
   uint64_t grouped() const { return Pt::CurrentIoEngine()->groupedWrites() - groupedBefore_; }
 
-  Bytes fileBytes(int64_t offset, size_t length) {
-    const Bytes bytes = TarnTest::ReadFileBytes(path_);
-    return Bytes(bytes.begin() + offset, bytes.begin() + offset + static_cast<int64_t>(length));
-  }
-
-  static constexpr int kFileSize = 1 << 20;
-  TarnTest::TempDir dir_;
-  const std::string path_ = dir_.file("device.bin");
-  SmartPointer<PtIoDeviceFile> device_;
   uint64_t groupsBefore_ = 0;
   uint64_t groupedBefore_ = 0;
 };
@@ -253,15 +228,6 @@ TEST_P(WriteGroupTest, AFailureInsideAGroupReachesEachMember) {
 INSTANTIATE_TEST_SUITE_P(Engines, WriteGroupTest,
                          testing::Values(Pt::IoEngineKind::IoUring, Pt::IoEngineKind::ThreadPool,
                                          Pt::IoEngineKind::Automatic),
-                         [](const testing::TestParamInfo<Pt::IoEngineKind>& info) {
-                           switch (info.param) {
-                             case Pt::IoEngineKind::IoUring:
-                               return "IoUring";
-                             case Pt::IoEngineKind::ThreadPool:
-                               return "ThreadPool";
-                             default:
-                               return "Split";  // reads on the ring, writes on the pool
-                           }
-                         });
+                         TarnTest::EngineName);
 
 }  // namespace
