@@ -194,7 +194,7 @@ void LoadRun::collectSlots(const ExtentHeader& extent) {
 // slot's fate is known, and counts what the summary reports.
 void LoadRun::visitExtents() {
   summary_.extentCount = static_cast<uint32_t>(extents_.size());
-  const std::vector<EntrySalvage::Slot>& live = salvage_->slots();
+  const Pt::LargeArray<EntrySalvage::Slot>& live = salvage_->slots();
   visitor_.onEntryCount(static_cast<uint32_t>(std::count_if(
       live.begin(), live.end(), [](const EntrySalvage::Slot& slot) { return !slot.dropped; })));
   size_t next = 0;  // the next live-looking slot, in chain and slot order
@@ -205,7 +205,7 @@ void LoadRun::visitExtents() {
 }
 
 size_t LoadRun::visitSlots(const ExtentHeader& extent, size_t next) {
-  const std::vector<EntrySalvage::Slot>& live = salvage_->slots();
+  const Pt::LargeArray<EntrySalvage::Slot>& live = salvage_->slots();
   uint32_t slotOffset = extent.entriesOffset;
   for (uint32_t i = 0; i < extent.entryCount; ++i, slotOffset += kEntryHeaderSize) {
     if (next == live.size() || live[next].offset != slotOffset) {

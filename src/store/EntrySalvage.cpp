@@ -98,7 +98,7 @@ void EntrySalvage::drop(int64_t slot, DropReason reason) {
 // appended one after another already lie in range order, so their claims
 // are sorted only when they are not.
 bool EntrySalvage::dropOverlaps() {
-  std::vector<Claim> entries;
+  Pt::LargeArray<Claim> entries;
   entries.reserve(slots_.size());
   for (size_t i = 0; i < slots_.size(); ++i) {
     const Slot& slot = slots_[i];
@@ -136,7 +136,7 @@ void EntrySalvage::dropDuplicates() {
   while (capacity < slots_.size() + slots_.size() / 2) capacity *= 2;
   // Each place holds a slot index and the high half of its key's hash, so
   // that a probe reads the slot's header only when the hashes agree.
-  std::vector<uint64_t> table(capacity, kNoPlace);
+  Pt::LargeArray<uint64_t> table(capacity, kNoPlace);
   for (size_t i = 0; i < slots_.size(); ++i) {
     const EntryHeader& header = slots_[i].header;
     if (slots_[i].dropped) continue;

@@ -22,6 +22,7 @@
 #include <optional>
 #include <vector>
 
+#include "platform/LargeArrayAllocator.h"
 #include "store/FileFormat.h"
 #include "store/FreeSpace.h"
 
@@ -79,7 +80,7 @@ class EntrySalvage {
   // behind the last claimed range. After settle().
   std::vector<FileRange> gaps(uint64_t& trailingBytes) const;
 
-  const std::vector<Slot>& slots() const { return slots_; }
+  const Pt::LargeArray<Slot>& slots() const { return slots_; }
 
  private:
   struct Claim {
@@ -102,10 +103,10 @@ class EntrySalvage {
 
   const uint64_t fileLength_;
   std::vector<Claim> skeleton_;
-  std::vector<Slot> slots_;
+  Pt::LargeArray<Slot> slots_;
   // The skeleton's and the entries' claims in range order, as settle() found
   // them; gaps() reads them again, skipping the entries dropped since.
-  std::vector<Claim> claims_;
+  Pt::LargeArray<Claim> claims_;
 };
 
 }  // namespace Tarn

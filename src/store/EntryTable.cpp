@@ -109,6 +109,52 @@ uint32_t EntryTable::insert(const PrimaryKey& key, const FileEntryInfo& info) {
   return at;
 }
 
+void EntryTable::append(const PrimaryKey& key, const FileEntryInfo& info) {
+  const auto at = static_cast<uint32_t>(entries_.size());
+  entries_.push_back(Entry{key, info, kNone, kNone});
+  linkAsMostRecent(at);
+}
+
+// Hashes run kPrefetchDistance entries ahead of the placing, and each hash
+// starts the load of the index slot its entry will probe first.
+void EntryTable::indexAppended() {
+  constexpr uint32_t kPrefetchDistance = 16;
+  index_.assign(CapacityFor(entries_.size()), IndexSlot{});
+  mask_ = index_.size() - 1;
+  uint64_t hashes[kPrefetchDistance];
+  const auto count = static_cast<uint32_t>(entries_.size());
+  for (uint32_t ahead = 0; ahead < count + kPrefetchDistance; ++ahead) {
+    if (ahead >= kPrefetchDistance) {
+      const uint32_t at = ahead - kPrefetchDistance;
+      if (!placeUnique(at, hashes[at % kPrefetchDistance])) {
+        entries_.clear();
+        head_ = tail_ = kNone;
+        rebuildIndex(kMinCapacity);
+        throw std::invalid_argument("EntryTable: a key was appended twice");
+      }
+    }
+    if (ahead < count) {
+      const uint64_t hash = hashOf(entries_[ahead].key);
+      hashes[ahead % kPrefetchDistance] = hash;
+      __builtin_prefetch(&index_[hash & mask_]);
+    }
+  }
+  debugCheck();
+}
+
+// placeInIndex, but false (and nothing placed) when the key is there.
+bool EntryTable::placeUnique(uint32_t at, uint64_t hash) {
+  const auto tag = static_cast<uint32_t>(hash);
+  size_t slot = hash & mask_;
+  for (; index_[slot].position != kNone; slot = (slot + 1) & mask_) {
+    if (index_[slot].tag == tag && entries_[index_[slot].position].key == entries_[at].key) {
+      return false;
+    }
+  }
+  index_[slot] = {at, tag};
+  return true;
+}
+
 void EntryTable::eraseAt(uint32_t at) {
   removeFromIndex(slotOf(at, hashOf(entries_[at].key)));
   unlink(at);

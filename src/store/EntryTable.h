@@ -6,7 +6,8 @@
 // array, by position, orders the entries from least to most recently used.
 // So a lookup costs a hash and a short probe, and an insert, an erase or a
 // touch allocates nothing once the table has grown to its size (reserve()
-// does that up front for an open). An erase moves the last entry into the
+// does that up front for an open; an open appends every entry and then
+// builds the index in one pass). An erase moves the last entry into the
 // hole, so positions change on every erase and on nothing else.
 //
 // The hash mixes a key's significant bytes with a seed drawn once per
@@ -31,6 +32,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "platform/LargeArrayAllocator.h"
 #include "store/FileEntryInfo.h"
 #include "tarn/CacheKey.h"
 
@@ -74,6 +76,15 @@ class EntryTable {
   // Adds `key` as the most recent entry and returns its position; when the
   // key is there already, changes nothing and returns kNone.
   uint32_t insert(const PrimaryKey& key, const FileEntryInfo& info);
+  // The load of a file: appends the entry as the most recent without
+  // indexing it. Between the first append and indexAppended() no other
+  // member may be called; the invariants hold again after it.
+  void append(const PrimaryKey& key, const FileEntryInfo& info);
+  // Indexes every entry, prefetching index slots a few entries ahead so
+  // that the cache misses of a large table overlap. Throws
+  // std::invalid_argument when two appended entries have equal keys (the
+  // table is then left empty).
+  void indexAppended();
   // Removes the entry at `position`; the last entry takes its place.
   void eraseAt(uint32_t position);
   // Removes `key`; false when absent.
@@ -85,8 +96,8 @@ class EntryTable {
   uint32_t mostRecent() const { return tail_; }
 
   // The entries in no particular order.
-  std::vector<Entry>::const_iterator begin() const { return entries_.begin(); }
-  std::vector<Entry>::const_iterator end() const { return entries_.end(); }
+  Pt::LargeArray<Entry>::const_iterator begin() const { return entries_.begin(); }
+  Pt::LargeArray<Entry>::const_iterator end() const { return entries_.end(); }
 
   // Whether every invariant above holds; never throws, changes nothing.
   bool checkInvariants() const;
@@ -101,6 +112,7 @@ class EntryTable {
   // The index slot that holds `position` (whose key hashes to `hash`).
   size_t slotOf(uint32_t position, uint64_t hash) const;
   void placeInIndex(uint32_t position, uint64_t hash);
+  bool placeUnique(uint32_t position, uint64_t hash);
   void removeFromIndex(size_t slot);
   void rebuildIndex(size_t capacity);
   void unlink(uint32_t position);
@@ -110,8 +122,8 @@ class EntryTable {
 
   const uint64_t seed_;
   const KeyHash hash_ = nullptr;  // the seeded hash when null
-  std::vector<Entry> entries_;
-  std::vector<IndexSlot> index_;
+  Pt::LargeArray<Entry> entries_;
+  Pt::LargeArray<IndexSlot> index_;
   size_t mask_ = 0;
   uint32_t head_ = kNone;
   uint32_t tail_ = kNone;

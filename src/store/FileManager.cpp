@@ -44,8 +44,9 @@ class FileManager::Loader : public CacheFileLoader::Visitor {
   // The loader hands over each primary key once (it drops the others).
   void onEntry(uint32_t slotOffset,
                const EntryHeader& header) override PT_NO_THREAD_SAFETY_ANALYSIS {
-    store_.enterEntry(header.primaryKeyValue(),
-                      EntryInfo{header, slotOffset, NextSerial(), Stage::Settled, {}, {}});
+    // Indexed in one pass once the load is over (indexAppended).
+    store_.entries_.append(header.primaryKeyValue(),
+                           EntryInfo{header, slotOffset, NextSerial(), Stage::Settled, {}, {}});
   }
   // A dropped entry's slot is free; the open clears it on disk before it
   // can be handed out, so that the entry cannot come back.
@@ -123,6 +124,7 @@ void FileManager::load(Pt::SyncFile& file) {
   secondaryIndex_.defer();
   Loader loader(*this);
   const CacheFileLoader::Summary summary = CacheFileLoader::Load(file, loader);
+  entries_.indexAppended();
   for (const FileRange& gap : summary.gaps) freeSpace_.add(gap.offset, gap.length);
   droppedEntries_ = summary.droppedEntries;
   const ExtentInfo& first = extents_.front();

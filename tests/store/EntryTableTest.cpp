@@ -6,6 +6,7 @@
 #include <list>
 #include <map>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -189,6 +190,30 @@ TEST(EntryTable, GrowsFromEmptyAndAfterReserveKeepsEveryEntry) {
       EXPECT_EQ(table[at].info.serial, expected);
       expected += 2;
     }
+  }
+}
+
+// The load's path: appended entries, indexed in one pass, are found and keep
+// their order, with and without colliding hashes; a key appended twice is
+// refused and leaves an empty, usable table.
+TEST(EntryTable, AppendedEntriesIndexedInOnePass) {
+  for (const EntryTable::KeyHash hash : {EntryTable::KeyHash{nullptr}, &OneHome}) {
+    EntryTable table = hash == nullptr ? EntryTable() : EntryTable(hash);
+    const uint32_t count = hash == nullptr ? 20'000 : 300;
+    table.reserve(count);
+    for (uint32_t n = 0; n < count; ++n) table.append(Key(n), Info(n));
+    table.indexAppended();
+    ASSERT_TRUE(table.checkInvariants());
+    for (uint32_t n = 0; n < count; ++n) ASSERT_EQ(table.at(Key(n)).serial, n);
+    EXPECT_EQ(table[table.leastRecent()].info.serial, 0u);
+    EXPECT_EQ(table[table.mostRecent()].info.serial, count - 1);
+
+    EntryTable twice = hash == nullptr ? EntryTable() : EntryTable(hash);
+    for (uint32_t n = 0; n < 40; ++n) twice.append(Key(n % 39), Info(n));
+    EXPECT_THROW(twice.indexAppended(), std::invalid_argument);
+    EXPECT_TRUE(twice.empty());
+    EXPECT_TRUE(twice.checkInvariants());
+    EXPECT_NE(twice.insert(Key(1), Info(1)), EntryTable::kNone);
   }
 }
 
