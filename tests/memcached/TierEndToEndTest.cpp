@@ -52,6 +52,14 @@ class TierEndToEndTest : public ::testing::Test {
     return result;
   }
 
+  // A run that refuses every planted value and generates each object instead.
+  ProcessRun runRefusingAll(const std::string& cacheName, int count, const std::string& type) {
+    const ProcessRun result = run(cacheName, count, type);
+    EXPECT_EQ(result.generated, count);
+    EXPECT_EQ(result.rejected, count);
+    return result;
+  }
+
   // The only key the server holds.
   std::string onlyKey() {
     const auto keys = RawClient(server_.port()).keys();
@@ -85,10 +93,7 @@ TEST_F(TierEndToEndTest, ACorruptedValueIsRefusedAndTheObjectGenerated) {
   ASSERT_FALSE(value.empty());
   value[value.size() - 1] ^= 0x40;  // the object's last byte
   ASSERT_TRUE(RawClient(server_.port()).set(key, value));
-  const ProcessRun second = run("b.tarn", 1, "tile");
-  EXPECT_EQ(second.generated, 1);
-  EXPECT_EQ(second.rejected, 1);
-  EXPECT_EQ(second.digest, first.digest);
+  EXPECT_EQ(runRefusingAll("b.tarn", 1, "tile").digest, first.digest);
 }
 
 TEST_F(TierEndToEndTest, AValueOfAnotherTypeIsRefused) {
@@ -103,10 +108,7 @@ TEST_F(TierEndToEndTest, AValueOfAnotherTypeIsRefused) {
       ASSERT_TRUE(RawClient(server_.port()).set(key, tileValue));
     }
   }
-  const ProcessRun again = run("map2.tarn", 1, "map");
-  EXPECT_EQ(again.generated, 1);
-  EXPECT_EQ(again.rejected, 1);
-  EXPECT_EQ(again.digest, map.digest);
+  EXPECT_EQ(runRefusingAll("map2.tarn", 1, "map").digest, map.digest);
 }
 
 TEST_F(TierEndToEndTest, AValueStoredUnderAnotherKeyIsRefused) {
@@ -118,9 +120,7 @@ TEST_F(TierEndToEndTest, AValueStoredUnderAnotherKeyIsRefused) {
   const std::string second = client.get(keys[1]).value_or("");
   ASSERT_TRUE(client.set(keys[0], second));
   ASSERT_TRUE(client.set(keys[1], first));
-  const ProcessRun swapped = run("b.tarn", 2, "tile");
-  EXPECT_EQ(swapped.generated, 2);
-  EXPECT_EQ(swapped.rejected, 2);
+  runRefusingAll("b.tarn", 2, "tile");
 }
 
 }  // namespace
