@@ -1,27 +1,14 @@
 #include "store/EntryTable.h"
 
-#include <cstring>
-#include <random>
 #include <stdexcept>
-#include <string_view>
 
+#include "core/KeyHash.h"
 #include "platform/InvariantCheck.h"
 
 namespace Tarn {
 namespace {
 
 constexpr size_t kMinCapacity = 16;
-constexpr uint64_t kMix = 0x9E3779B97F4A7C15ull;
-
-// Drawn once per process, so that which keys collide cannot be worked out
-// from the hash function alone.
-uint64_t ProcessSeed() {
-  static const uint64_t seed = [] {
-    std::random_device device;
-    return (uint64_t{device()} << 32) ^ device();
-  }();
-  return seed;
-}
 
 // The smallest power of two that keeps `count` entries at most half full.
 size_t CapacityFor(size_t count) {
@@ -32,7 +19,7 @@ size_t CapacityFor(size_t count) {
 
 }  // namespace
 
-EntryTable::EntryTable() : seed_(ProcessSeed()) {
+EntryTable::EntryTable() : seed_(ProcessKeySeed()) {
   rebuildIndex(kMinCapacity);
 }
 
@@ -45,19 +32,8 @@ void EntryTable::reserve(size_t count) {
   if (index_.size() < 2 * count) rebuildIndex(CapacityFor(count));
 }
 
-// Only the significant bytes take part, as in key comparison.
 uint64_t EntryTable::hashOf(const PrimaryKey& key) const {
-  if (hash_ != nullptr) return hash_(key);
-  uint64_t words[4] = {};
-  static_assert(sizeof(words) == sizeof(key.data));
-  const std::string_view bytes = key.view();
-  std::memcpy(words, bytes.data(), bytes.size());
-  uint64_t hash = seed_ ^ static_cast<uint64_t>(key.length);
-  for (const uint64_t word : words) {
-    hash = (hash ^ word) * kMix;
-    hash ^= hash >> 29;
-  }
-  return hash;
+  return hash_ != nullptr ? hash_(key) : HashKey(key, seed_);
 }
 
 uint32_t EntryTable::position(const PrimaryKey& key) const {
