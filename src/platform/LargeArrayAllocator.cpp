@@ -20,12 +20,12 @@ void* AllocateLarge(size_t bytes) {
   void* mapped = ::mmap(nullptr, length + kHugePageSize, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (mapped == MAP_FAILED) throw std::bad_alloc();
-  const auto start = reinterpret_cast<uintptr_t>(mapped);
-  const uintptr_t aligned = (start + kHugePageSize - 1) & ~(uintptr_t{kHugePageSize} - 1);
-  if (aligned > start) ::munmap(mapped, aligned - start);
-  const uintptr_t tail = start + length + kHugePageSize - (aligned + length);
-  if (tail > 0) ::munmap(reinterpret_cast<void*>(aligned + length), tail);
-  auto* block = reinterpret_cast<void*>(aligned);
+  auto* start = static_cast<char*>(mapped);
+  const size_t misalignment = reinterpret_cast<uintptr_t>(start) % kHugePageSize;
+  const size_t lead = misalignment == 0 ? 0 : kHugePageSize - misalignment;
+  char* block = start + lead;
+  if (lead > 0) ::munmap(start, lead);
+  if (lead < kHugePageSize) ::munmap(block + length, kHugePageSize - lead);
   // Advice only: without transparent huge pages the block has small ones.
   (void)::madvise(block, length, MADV_HUGEPAGE);
   return block;
