@@ -25,18 +25,24 @@ inline uint64_t ProcessKeySeed() {
   return seed;
 }
 
-inline uint64_t HashKey(const PrimaryKey& key, uint64_t seed) {
+// The `length` significant bytes at `bytes` (at most a primary key's 32),
+// for callers that hold a key's bytes without a PrimaryKey.
+inline uint64_t HashKey(const uint8_t* bytes, size_t length, int32_t keyLength, uint64_t seed) {
   constexpr uint64_t kMix = 0x9E3779B97F4A7C15ull;
   uint64_t words[4] = {};
-  static_assert(sizeof(words) == sizeof(key.data));
-  const std::string_view bytes = key.view();
-  std::memcpy(words, bytes.data(), bytes.size());
-  uint64_t hash = seed ^ static_cast<uint64_t>(key.length);
+  static_assert(sizeof(words) == sizeof(PrimaryKey::data));
+  std::memcpy(words, bytes, length < sizeof(words) ? length : sizeof(words));
+  uint64_t hash = seed ^ static_cast<uint64_t>(keyLength);
   for (const uint64_t word : words) {
     hash = (hash ^ word) * kMix;
     hash ^= hash >> 29;
   }
   return hash;
+}
+
+inline uint64_t HashKey(const PrimaryKey& key, uint64_t seed) {
+  const std::string_view bytes = key.view();
+  return HashKey(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), key.length, seed);
 }
 
 // For std::unordered_map and its kin.

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <random>
+
+#include "core/KeyHash.h"
 
 namespace Tarn {
 namespace {
@@ -20,24 +21,9 @@ bool SameKey(const EntryHeader& a, const EntryHeader& b) {
          std::memcmp(a.primaryKey.data(), b.primaryKey.data(), a.primaryKeyLength) == 0;
 }
 
-uint64_t ProcessSeed() {
-  static const uint64_t seed = [] {
-    std::random_device device;
-    return (uint64_t{device()} << 32) | device();
-  }();
-  return seed;
-}
-
 uint64_t KeyHash(const EntryHeader& header) {
-  uint64_t words[kPrimaryKeySize / 8] = {};
-  std::memcpy(words, header.primaryKey.data(),
-              std::min<size_t>(header.primaryKeyLength, kPrimaryKeySize));
-  uint64_t hash = ProcessSeed() ^ header.primaryKeyLength;
-  for (const uint64_t word : words) {
-    hash = (hash ^ word) * 0x9E3779B97F4A7C15ull;
-    hash ^= hash >> 32;
-  }
-  return hash;
+  return HashKey(header.primaryKey.data(), header.primaryKeyLength, header.primaryKeyLength,
+                 ProcessKeySeed());
 }
 
 }  // namespace
